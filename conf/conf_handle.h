@@ -1,0 +1,74 @@
+// ConfHandle: the one way the service reads or changes kel.conf.
+//
+// Constructing a handle locks the file cluster-wide (mode 2: exclusive for writers; any other
+// mode, callers pass 1: shared for readers), parses it into a `conf` and keeps the lock until the
+// handle is destroyed. A handle is either fully constructed or not at all: a failing constructor
+// leaves no lock and no model behind. WriteConfFile() raises the generation by one and replaces the
+// file atomically; readers see the old or the new file, never a partial one.
+//
+// Thread-safety: a handle belongs to one thread. A thread never holds two handles at once. Parses
+// are serialised process-wide by _fileLock because the scanner and parser keep global state.
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+#include <mutex>
+#include <string>
+
+#include "platform/fio.h"
+
+struct conf;
+
+namespace NukCtl {
+namespace Orsa {
+namespace IscsiTarget {
+
+class ConfHandle {
+ public:
+  static constexpr int kShared = 1;
+  static constexpr int kExclusive = 2;
+
+  // Throws OrsaCtlException: "Parser: conf path uninitialized", "Parser: <share|exclusive> lock
+  // failed on <path>", "Failed to read conf file: <path>", or the parser's own exception.
+  explicit ConfHandle(int mode);
+  ~ConfHandle();
+  ConfHandle(const ConfHandle&) = delete;
+  ConfHandle& operator=(const ConfHandle&) = delete;
+
+  // Writes the model with generation + 1; returns the new generation. Throws on failure, leaving
+  // the file unchanged (the in-memory generation stays raised).
+  uint64_t WriteConfFile();
+  // Prints the model into the backup file (truncating it).
+  void UpdateBackupConfigFile();
+  uint64_t GetCurrentGenerationNum() const;
+
+  struct conf* GetConf() const { return conf_; }
+  // Takes the model away from the handle; the caller deletes it with conf_delete.
+  struct conf* ReleaseConf();
+  const std::string& GetPath() const { return path_; }
+
+  // Path of the backup copy (<stateDir>/log/kel.conf.backup).
+  static std::string BackupPath();
+
+  // Test-only: lock budget in milliseconds used by the constructor (300000 in the product).
+  static void SetLockWaitMsForTest(int wait_ms);
+
+ private:
+  void InitConfHandle();
+  void OpenAndLockConfFile();
+  void ReadConfFile();
+  void _WriteConfigToFile(FILE* stream);
+  void CloseAndUnlockConfFile();
+
+  struct conf* conf_ = nullptr;
+  std::string path_;
+  FioHandle file_;
+  std::string lockType_;
+  int mode_ = kShared;
+
+  static std::mutex _fileLock;  // serialises parses within the process
+};
+
+}  // namespace IscsiTarget
+}  // namespace Orsa
+}  // namespace NukCtl

@@ -1,0 +1,43 @@
+// Files with cluster-wide advisory locks and atomic replacement.
+//
+// Locks are OFD locks (fcntl F_OFD_SETLK) on the whole file: shared for readers, exclusive for
+// writers. They belong to the open file description, so dup()ed descriptors share them and closing
+// a dup does not drop them. Because a lock taken on a file that a rename then replaces protects
+// nothing, Fio_Open re-checks after locking that the descriptor's inode is still the one at the
+// path and reopens while they differ, and Fio_AtomicUpdate locks the replacement before it becomes
+// visible at the path, so the handle keeps its lock across the swap.
+//
+// Errors are platform statuses: NUK_BUSY when the lock is held elsewhere, NUK_NOT_FOUND when the
+// file is missing, NUK_NO_PERMISSION, NUK_IO_ERROR, NUK_FAILURE otherwise.
+#pragma once
+
+#include "platform/status.h"
+
+#define FIO_ACCESS_READ 0x1
+#define FIO_ACCESS_WRITE 0x2
+#define FIO_LOCK_SHARED 0x20
+#define FIO_LOCK_EXCLUSIVE 0x2000
+// The combinations the configuration file uses.
+#define FIO_OPEN_READ_SHARED (FIO_ACCESS_READ | FIO_LOCK_SHARED)                          // 0x21
+#define FIO_OPEN_RW_EXCLUSIVE (FIO_ACCESS_READ | FIO_ACCESS_WRITE | FIO_LOCK_EXCLUSIVE)  // 0x2003
+
+struct FioHandle {
+  int fd = -1;  // -1: invalid
+  bool Valid() const { return fd >= 0; }
+};
+
+// Opens `path` with the access and lock of `flags`, without waiting for a busy lock.
+NUK_ReturnStatus Fio_Open(const char* path, int flags, FioHandle* out);
+// Closes the descriptor (dropping its lock) and invalidates the handle. Closing an invalid handle
+// is a no-op returning NUK_OK.
+NUK_ReturnStatus Fio_Close(FioHandle* file);
+// Creates a new, empty temporary file in the directory of `file` (mode 0600).
+NUK_ReturnStatus Fio_AtomicTempFile(const FioHandle* file, FioHandle* temp);
+NUK_ReturnStatus Fio_Sync(const FioHandle* file);
+// Renames `temp` over `file`'s path and syncs the directory. On success `file` refers to the new
+// contents and still holds a lock of the same kind; `temp` is invalidated.
+NUK_ReturnStatus Fio_AtomicUpdate(FioHandle* file, FioHandle* temp);
+// Removes what is left at the temporary name (after a failed swap) and closes it.
+NUK_ReturnStatus Fio_RemoveTemp(FioHandle* temp);
+// Text of the system error behind the last failing Fio call of this thread.
+const char* Fio_LastErrorText(void);
