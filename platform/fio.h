@@ -11,6 +11,8 @@
 // file is missing, NUK_NO_PERMISSION, NUK_IO_ERROR, NUK_FAILURE otherwise.
 #pragma once
 
+#include <string>
+
 #include "platform/status.h"
 
 #define FIO_ACCESS_READ 0x1
@@ -21,8 +23,12 @@
 #define FIO_OPEN_READ_SHARED (FIO_ACCESS_READ | FIO_LOCK_SHARED)                          // 0x21
 #define FIO_OPEN_RW_EXCLUSIVE (FIO_ACCESS_READ | FIO_ACCESS_WRITE | FIO_LOCK_EXCLUSIVE)  // 0x2003
 
+// Descriptors are opened close-on-exec: a lock must never leak into a program the service runs
+// (a daemon inheriting the descriptor would hold kel.conf's lock for its whole life).
 struct FioHandle {
-  int fd = -1;  // -1: invalid
+  int fd = -1;       // -1: invalid
+  int lock = 0;      // FIO_LOCK_SHARED, FIO_LOCK_EXCLUSIVE or 0 (no lock)
+  std::string path;  // where it was opened (for a temporary file: its temporary name)
   bool Valid() const { return fd >= 0; }
 };
 
@@ -31,13 +37,21 @@ NUK_ReturnStatus Fio_Open(const char* path, int flags, FioHandle* out);
 // Closes the descriptor (dropping its lock) and invalidates the handle. Closing an invalid handle
 // is a no-op returning NUK_OK.
 NUK_ReturnStatus Fio_Close(FioHandle* file);
-// Creates a new, empty temporary file in the directory of `file` (mode 0600).
+// Creates a new, empty temporary file in the directory of `file` (mode 0600, named
+// ".<name>.tmp.XXXXXX"), locked like `file`. When `file` holds the exclusive lock, temporary files
+// that crashed writers left behind (unlocked ones of the same name pattern) are removed first: only
+// an exclusive holder writes, so none of them can belong to a live writer.
 NUK_ReturnStatus Fio_AtomicTempFile(const FioHandle* file, FioHandle* temp);
 NUK_ReturnStatus Fio_Sync(const FioHandle* file);
 // Renames `temp` over `file`'s path and syncs the directory. On success `file` refers to the new
-// contents and still holds a lock of the same kind; `temp` is invalidated.
+// contents and still holds a lock of the same kind; `temp` is invalidated. The replacement gets
+// mode 0600. A failing rename leaves both handles as they were. A failing directory sync after a
+// good rename still moves the handle to the new file but returns NUK_IO_ERROR: the new contents
+// are in place, only their durability is in doubt.
 NUK_ReturnStatus Fio_AtomicUpdate(FioHandle* file, FioHandle* temp);
 // Removes what is left at the temporary name (after a failed swap) and closes it.
 NUK_ReturnStatus Fio_RemoveTemp(FioHandle* temp);
 // Text of the system error behind the last failing Fio call of this thread.
 const char* Fio_LastErrorText(void);
+// errno value behind the last failing Fio call of this thread (0 if none).
+int Fio_LastErrno(void);

@@ -1,0 +1,210 @@
+#include "conf/conf_handle.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+
+#include "conf/conf.h"
+#include "conf/conf_file.h"
+#include "conf/writer.h"
+#include "platform/exception.h"
+#include "platform/host_config.h"
+#include "platform/log.h"
+#include "storage/paths.h"
+
+namespace NukCtl {
+namespace Orsa {
+namespace IscsiTarget {
+
+namespace {
+
+using HostCtl::Lib::Orsa::OrsaCtlException;
+
+constexpr int kDefaultLockWaitMs = 300000;
+std::atomic<int> gLockWaitMs{kDefaultLockWaitMs};
+
+// A whole kel.conf at the cluster limits is a few hundred kilobytes; a large stream buffer turns
+// its printing into a handful of write calls.
+constexpr size_t kStreamBufferSize = 256 * 1024;
+
+// Creates `dir` and its parents (mode 0755 for new ones, like the host log's directory).
+bool MakeDirs(const std::string& dir) {
+  std::string cur;
+  for (size_t i = 0; i <= dir.size(); ++i) {
+    if (i == dir.size() || dir[i] == '/') {
+      if (!cur.empty() && mkdir(cur.c_str(), 0755) != 0 && errno != EEXIST) return false;
+    }
+    if (i < dir.size()) cur.push_back(dir[i]);
+  }
+  return true;
+}
+
+// Closes `stream` when it leaves scope unless Close() already did.
+class StreamCloser {
+ public:
+  explicit StreamCloser(FILE* stream) : stream_(stream) {}
+  ~StreamCloser() {
+    if (stream_ != nullptr) fclose(stream_);
+  }
+  // Returns fclose's result (EOF when buffered data could not be written).
+  int Close() {
+    FILE* s = stream_;
+    stream_ = nullptr;
+    return fclose(s);
+  }
+
+ private:
+  FILE* stream_;
+};
+
+}  // namespace
+
+std::mutex ConfHandle::_fileLock;
+
+ConfHandle::ConfHandle(int mode) : mode_(mode) {
+  try {
+    InitConfHandle();
+    OpenAndLockConfFile();
+    ReadConfFile();
+  } catch (...) {
+    if (conf_ != nullptr) {
+      conf_delete(conf_);
+      conf_ = nullptr;
+    }
+    CloseAndUnlockConfFile();
+    throw;
+  }
+}
+
+ConfHandle::~ConfHandle() {
+  if (conf_ != nullptr) {
+    conf_delete(conf_);
+    conf_ = nullptr;
+  }
+  CloseAndUnlockConfFile();
+}
+
+void ConfHandle::InitConfHandle() {
+  conf_ = nullptr;
+  file_.fd = -1;
+  file_.lock = 0;
+  file_.path.clear();
+  path_ = Util::GetConfFilePath();
+  if (path_.empty()) throw OrsaCtlException("Parser: conf path uninitialized");
+}
+
+void ConfHandle::OpenAndLockConfFile() {
+  NUK_ReturnStatus status;
+  if (mode_ == kExclusive) {
+    lockType_ = "exclusive";
+    status = conf_file_open_exclusive_lock(path_.c_str(), &file_, gLockWaitMs.load());
+  } else {
+    lockType_ = "share";
+    status = conf_file_open_share_lock(path_.c_str(), &file_, gLockWaitMs.load());
+  }
+  if (status != NUK_OK) {
+    throw OrsaCtlException("Parser: " + lockType_ + " lock failed on " + path_);
+  }
+}
+
+void ConfHandle::ReadConfFile() {
+  std::lock_guard<std::mutex> guard(_fileLock);
+  try {
+    conf_ = conf_new_from_file(file_.fd, path_.c_str(), nullptr);
+  } catch (...) {
+    KeldCleanConf();
+    conf_ = nullptr;
+    throw;
+  }
+  if (conf_ == nullptr) throw OrsaCtlException("Failed to read conf file: " + path_);
+}
+
+uint64_t ConfHandle::WriteConfFile() {
+  if (conf_ == nullptr) throw OrsaCtlException("Failed to read conf file: " + path_);
+  FioHandle temp;
+  if (Fio_AtomicTempFile(&file_, &temp) != NUK_OK) {
+    throw OrsaCtlException("Failed to create temp config file");
+  }
+  // Whatever happens below, nothing may stay at the temporary name; after a good swap the handle
+  // is already invalid and this removes nothing.
+  struct TempRemover {
+    FioHandle* temp;
+    ~TempRemover() {
+      if (Fio_RemoveTemp(temp) != NUK_OK) {
+        LogWarning("%s: Failed to remove temp config file", "Parser");
+      }
+    }
+  } remover{&temp};
+
+  // The stream writes through a duplicate so that the temporary descriptor (and its lock) stays
+  // open for the sync and the swap.
+  int dup_fd = fcntl(temp.fd, F_DUPFD_CLOEXEC, 0);
+  FILE* stream = dup_fd >= 0 ? fdopen(dup_fd, "w") : nullptr;
+  if (stream == nullptr) {
+    if (dup_fd >= 0) close(dup_fd);
+    throw OrsaCtlException("Failed to create temp config file");
+  }
+  StreamCloser closer(stream);
+  setvbuf(stream, nullptr, _IOFBF, kStreamBufferSize);
+  conf_->conf_generation += 1;
+  _WriteConfigToFile(stream);
+  if (ferror(stream) != 0 || closer.Close() != 0) {
+    // A short write (a full datastore) must never be swapped in as the configuration.
+    throw OrsaCtlException(std::string("Failed to write temp config file: ") + strerror(errno));
+  }
+  if (Fio_Sync(&temp) != NUK_OK) throw OrsaCtlException("Failed to sync temp config");
+  if (Fio_AtomicUpdate(&file_, &temp) != NUK_OK) {
+    throw OrsaCtlException("Failed to swap config and temp config");
+  }
+  return conf_->conf_generation;
+}
+
+void ConfHandle::_WriteConfigToFile(FILE* stream) { Parser::WriteConfToStream(conf_, stream); }
+
+std::string ConfHandle::BackupPath() {
+  return kel::platform::CurrentHostConfig()->stateDir + "/log/kel.conf.backup";
+}
+
+void ConfHandle::UpdateBackupConfigFile() {
+  if (conf_ == nullptr) throw OrsaCtlException("Failed to read conf file: " + path_);
+  std::string path = BackupPath();
+  MakeDirs(path.substr(0, path.find_last_of('/')));
+  // The backup holds the CHAP secrets too: owner-only, also when an older copy had another mode.
+  int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+  FILE* stream = nullptr;
+  if (fd >= 0 && fchmod(fd, 0600) == 0) stream = fdopen(fd, "w");
+  if (stream == nullptr) {
+    int err = errno;
+    if (fd >= 0) close(fd);
+    throw OrsaCtlException(std::string("Failed to open backup config file: ") + strerror(err));
+  }
+  StreamCloser closer(stream);
+  setvbuf(stream, nullptr, _IOFBF, kStreamBufferSize);
+  _WriteConfigToFile(stream);
+  if (closer.Close() != 0) {
+    throw OrsaCtlException(std::string("Failed to close backup config file: ") + strerror(errno));
+  }
+}
+
+void ConfHandle::CloseAndUnlockConfFile() { conf_close_file(&file_); }
+
+uint64_t ConfHandle::GetCurrentGenerationNum() const {
+  if (conf_ == nullptr) throw OrsaCtlException("Failed to read conf file: " + path_);
+  return conf_->conf_generation;
+}
+
+struct conf* ConfHandle::ReleaseConf() {
+  struct conf* c = conf_;
+  conf_ = nullptr;
+  return c;
+}
+
+void ConfHandle::SetLockWaitMsForTest(int wait_ms) { gLockWaitMs.store(wait_ms); }
+
+}  // namespace IscsiTarget
+}  // namespace Orsa
+}  // namespace NukCtl
