@@ -1,0 +1,136 @@
+// kelctl conf check|format: parse a kel.conf file offline, without the cluster lock, exactly as
+// the service would, and report or print it the way the writer writes it.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <iostream>
+#include <memory>
+#include <string>
+
+#include "cli/commands.h"
+#include "conf/conf.h"
+#include "conf/writer.h"
+
+namespace kel {
+namespace cli {
+
+namespace {
+
+struct ConfDeleter {
+  void operator()(struct conf* conf) const { conf_delete(conf); }
+};
+using ConfPtr = std::unique_ptr<struct conf, ConfDeleter>;
+
+class Fd {
+ public:
+  explicit Fd(int fd) : fd_(fd) {}
+  ~Fd() {
+    if (fd_ >= 0) close(fd_);
+  }
+  Fd(const Fd&) = delete;
+  Fd& operator=(const Fd&) = delete;
+  int get() const { return fd_; }
+
+ private:
+  int fd_;
+};
+
+// Parses and verifies `path`; throws CommandError when it does not load.
+ConfPtr LoadFile(const std::string& path) {
+  Fd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  if (fd.get() < 0)
+    throw CommandError("unable to open configuration file " + path + ": " + strerror(errno));
+  ConfPtr conf(conf_new_from_file(fd.get(), path.c_str(), nullptr));
+  if (!conf) throw CommandError("Failed to read conf file: " + path);
+  return conf;
+}
+
+// The writer's whole output, so that a writer failure prints nothing at all.
+std::string FormatConf(const struct conf* conf) {
+  char* data = nullptr;
+  size_t size = 0;
+  FILE* stream = open_memstream(&data, &size);
+  if (stream == nullptr) throw CommandError(std::string("open_memstream: ") + strerror(errno));
+  try {
+    NukCtl::Orsa::IscsiTarget::Parser::WriteConfToStream(conf, stream);
+  } catch (...) {
+    fclose(stream);
+    free(data);
+    throw;
+  }
+  fclose(stream);
+  std::string text(data, size);
+  free(data);
+  return text;
+}
+
+size_t CountLuns(const struct conf* conf) {
+  size_t n = 0;
+  const struct lun* lun;
+  TAILQ_FOREACH(lun, &conf->conf_luns, l_next) n++;
+  return n;
+}
+
+size_t CountTargets(const struct conf* conf) {
+  size_t n = 0;
+  const struct target* t;
+  TAILQ_FOREACH(t, &conf->conf_targets, t_next) n++;
+  return n;
+}
+
+size_t CountInitiatorGroups(const struct conf* conf) {
+  size_t n = 0;
+  const struct initiator_group* ig;
+  TAILQ_FOREACH(ig, &conf->conf_initiator_groups, ig_next) n++;
+  return n;
+}
+
+void Check(CliContext& ctx, const std::string& path) {
+  ctx.MirrorLogsToStderr(4);
+  ConfPtr conf = LoadFile(path);
+  if (ctx.json) {
+    PrintJson(std::cout, {{"path", path},
+                          {"valid", true},
+                          {"generation", conf->conf_generation},
+                          {"targets", CountTargets(conf.get())},
+                          {"luns", CountLuns(conf.get())},
+                          {"initiatorGroups", CountInitiatorGroups(conf.get())}});
+  } else {
+    std::cout << path << ": valid, generation " << conf->conf_generation << ", "
+              << CountTargets(conf.get()) << " targets, " << CountLuns(conf.get()) << " LUNs, "
+              << CountInitiatorGroups(conf.get()) << " initiator groups\n";
+  }
+}
+
+void Format(CliContext& ctx, const std::string& path) {
+  ctx.MirrorLogsToStderr(ctx.verbose ? 4 : 2);
+  ConfPtr conf = LoadFile(path);
+  std::cout << FormatConf(conf.get());
+}
+
+}  // namespace
+
+CLI::App* AddConfCommands(CLI::App& app, CliContext& ctx) {
+  CLI::App* conf = AddNoun(app, ctx, "conf", "Offline tools for kel.conf files");
+
+  auto check_path = std::make_shared<std::string>();
+  CLI::App* check = conf->add_subcommand(
+      "check", "Parse and verify a kel.conf file; exit 0 when it is usable, 1 when not");
+  check->add_option("FILE", *check_path, "kel.conf file to check")->required();
+  check->callback([&ctx, check_path] { ctx.action = [&ctx, check_path] { Check(ctx, *check_path); }; });
+
+  auto format_path = std::make_shared<std::string>();
+  CLI::App* format = conf->add_subcommand(
+      "format", "Print a kel.conf file the way the service writes it (generation unchanged)");
+  format->add_option("FILE", *format_path, "kel.conf file to print")->required();
+  format->callback(
+      [&ctx, format_path] { ctx.action = [&ctx, format_path] { Format(ctx, *format_path); }; });
+  return conf;
+}
+
+}  // namespace cli
+}  // namespace kel

@@ -1,0 +1,21 @@
+// kelctl: the command-line front end of kel.
+//   kelctl [--config FILE] [--json] [-v] <noun> <verb> ...
+#include <CLI/CLI.hpp>
+
+#include "cli/cli_common.h"
+#include "cli/commands.h"
+
+int main(int argc, char** argv) {
+  CLI::App app{"kelctl: manage kel's iSCSI targets, LUNs and initiator groups cluster-wide"};
+  app.name("kelctl");
+  kel::cli::CliContext ctx;
+  app.add_option("--config", ctx.configPath,
+                 "Host configuration file (default: $KEL_CONFIG, then /etc/kel/host.json)");
+  app.add_flag("--json", ctx.json, "Print results as JSON");
+  app.add_flag("-v,--verbose", ctx.verbose, "Mirror the service's log lines on stderr");
+  app.require_subcommand(1);
+
+  kel::cli::AddConfCommands(app, ctx);
+
+  return kel::cli::Main(app, ctx, argc, argv);
+}
