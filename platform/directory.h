@@ -1,0 +1,248 @@
+// The cluster directory: small typed entries that every host can read and watch, the membership of
+// the cluster, and which host owns which object.
+//
+// Entries are {uuid, type, owner host, health, data bytes}, keyed by (type, uuid); the type is the
+// whole 8-bit type byte (a set high bit is part of the type, not a flag to mask off). A host writes
+// entries under its own liveness, so on a multi-host backend the entries a host owns vanish when
+// the host dies. Object ownership records (object uuid -> host uuid) are persistent and change only
+// by compare-and-swap.
+//
+// Two backends implement the interface (both pass the same conformance suite):
+//   - embedded: one host; files under <stateDir>/directory/, written atomically; every process of
+//     the host sees changes through inotify.
+//   - etcd: a cluster; the v3 JSON gateway; a lease per live host.
+//
+// Notifications: a subscription names a query; for every change of a matching entry its callback
+// gets (status, entry) on the directory's notification thread, one call at a time per directory:
+//   NUK_OK                  entry created or replaced; `entry` is the new entry with its data
+//   NUK_NOT_FOUND           entry deleted (or vanished with its owner); `entry` is its last header
+//   NUK_ENTRY_CHANGED       changes may have been missed; look the entry up again; `entry` null
+//   NUK_SUBSCRIPTION_ENDED  the last call of a subscription, after Unsubscribe; `entry` null
+// A writer is notified of its own changes too.
+//
+// Thread-safety: every method may be called from any thread, including from inside a callback.
+// Unsubscribe never waits for the notification thread (callers may hold locks that a running
+// callback wants): when the subscription's callback is running at that moment, the ended call
+// follows on the notification thread right after it; otherwise it is made before Unsubscribe
+// returns, from the calling thread.
+#pragma once
+
+#include <array>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "platform/host_config.h"
+#include "platform/status.h"
+
+namespace kel {
+namespace platform {
+
+using DirUuid = std::array<uint8_t, 16>;
+
+// 8-4-4-4-12 lower-case hex.
+std::string DirUuidToText(const DirUuid& uuid);
+// Accepts the 8-4-4-4-12 form in either case. False (and `out` untouched) otherwise.
+bool DirUuidFromText(const std::string& text, DirUuid* out);
+DirUuid RandomDirUuid();
+bool IsZeroDirUuid(const DirUuid& uuid);
+
+struct DirEntry {
+  DirUuid uuid{};
+  uint8_t type = 0;
+  DirUuid owner{};  // zero on Update means "this host"
+  bool healthy = true;
+  std::string data;
+};
+
+// Which header fields a lookup or subscription matches; no field set matches every entry.
+struct DirQuery {
+  bool matchUuid = false;
+  bool matchType = false;
+  bool matchOwner = false;
+  DirUuid uuid{};
+  uint8_t type = 0;
+  DirUuid owner{};
+
+  bool Matches(const DirEntry& entry) const;
+};
+
+// Decommission states of a member.
+extern const char* const kDecomNone;        // ""
+extern const char* const kDecomInProgress;  // "in-progress"
+extern const char* const kDecomComplete;    // "complete"
+
+// A live member of the cluster.
+struct MemberRecord {
+  std::string uuid;  // 8-4-4-4-12
+  std::string name;
+  std::string site;  // fault domain name; empty outside a stretched cluster
+  bool maintenance = false;
+  std::string decommission;  // kDecomNone, kDecomInProgress or kDecomComplete
+  bool witness = false;      // a witness host takes part in membership but serves nothing
+  std::string leaseId;       // etcd: the lease the host's entries live under; empty otherwise
+  bool agentLease = false;   // etcd: that lease is held by the host agent (others may borrow it)
+};
+
+// Owner record of an object. `revision` identifies this version of the record for
+// compare-and-swap; 0 means "no record".
+struct ObjectOwner {
+  std::string hostUuid;
+  int64_t revision = 0;
+};
+
+// Who holds the host's liveness in this process: the host agent keeps the host's lease for as
+// long as it runs; any other program (kelctl) borrows it when the agent is alive, else holds a
+// lease of its own for its lifetime.
+enum class DirectoryRole { kClient, kHostAgent };
+
+class Directory {
+ public:
+  using NotifyFn = std::function<void(NUK_ReturnStatus status, const DirEntry* entry)>;
+  using CompletionFn = std::function<void(NUK_ReturnStatus status)>;
+  using SubscriptionId = uint64_t;
+
+  virtual ~Directory() = default;
+
+  virtual DirUuid SelfUuid() const = 0;
+
+  // Entries matching `query`, in key order (type, then uuid text). NUK_NOT_FOUND when none;
+  // NUK_DIRECTORY_NOT_RUNNING when the backend cannot be reached.
+  virtual NUK_ReturnStatus Find(const DirQuery& query, std::vector<DirEntry>* out) = 0;
+  // Creates or replaces the entry (a zero owner is replaced by this host). The returned status says
+  // whether the request was accepted; `done` then gets the outcome once, on the directory's
+  // writer thread, in submission order. `done` is not called when the request was refused.
+  virtual NUK_ReturnStatus Update(const DirEntry& entry, CompletionFn done) = 0;
+  // NUK_NOT_FOUND when there is no such entry.
+  virtual NUK_ReturnStatus Delete(const DirUuid& uuid, uint8_t type) = 0;
+  virtual NUK_ReturnStatus Subscribe(const DirQuery& query, NotifyFn fn, SubscriptionId* id) = 0;
+  // NUK_NOT_FOUND for an unknown or already ended subscription.
+  virtual NUK_ReturnStatus Unsubscribe(SubscriptionId id) = 0;
+
+  // Live members (etcd: members whose lease is alive), ordered by uuid text.
+  virtual NUK_ReturnStatus ListMembers(std::vector<MemberRecord>* out) = 0;
+  // Read-modify-write of this host's member record; NUK_NOT_FOUND when the host is not a member.
+  virtual NUK_ReturnStatus UpdateSelfMember(const std::function<void(MemberRecord&)>& edit) = 0;
+  // Registers this host (again) as a member, keeping the flags of an existing record.
+  virtual NUK_ReturnStatus JoinCluster() = 0;
+  // Removes this host's member record. A host agent that finds its record gone while its lease
+  // is alive treats it as the host having left and does not re-register on its own.
+  virtual NUK_ReturnStatus LeaveCluster() = 0;
+
+  virtual NUK_ReturnStatus GetObjectOwner(const std::string& objectUuid, ObjectOwner* out) = 0;
+  // Sets the owner when the record is still at `expectedRevision` (0: when there is no record).
+  // NUK_BUSY when it is not (someone else changed it first); nothing changes then.
+  virtual NUK_ReturnStatus CompareAndSwapObjectOwner(const std::string& objectUuid,
+                                                     int64_t expectedRevision,
+                                                     const std::string& newHostUuid) = 0;
+  virtual NUK_ReturnStatus DeleteObjectOwner(const std::string& objectUuid) = 0;
+  virtual NUK_ReturnStatus ListObjectOwners(std::map<std::string, ObjectOwner>* out) = 0;
+};
+
+// Opens the backend that `config` names. Throws OrsaCtlException when it cannot be opened (etcd
+// unreachable, state directory not writable).
+std::shared_ptr<Directory> OpenDirectory(const HostConfig& config, DirectoryRole role);
+
+// The process's directory, opened on first use from CurrentHostConfig() with the role set by
+// SetDirectoryRole (kClient by default). Throws like OpenDirectory; a failed open is retried on the
+// next call. Thread-safe.
+std::shared_ptr<Directory> GetDirectory();
+// Programs call this before the first GetDirectory(); the host agent passes kHostAgent.
+void SetDirectoryRole(DirectoryRole role);
+// Closes the process's directory (programs at exit; tests between cases). The next GetDirectory()
+// opens a fresh one.
+void CloseDirectory();
+// Test-only: use `directory` as the process's directory (null: back to opening on demand).
+void SetDirectoryForTest(std::shared_ptr<Directory> directory);
+
+// ---- Building blocks shared by the backends ----
+
+// Entry value as stored by both backends: {"owner":"<uuid>","health":true,"data":"<base64>"}.
+std::string EncodeEntryValue(const DirEntry& entry);
+bool DecodeEntryValue(const std::string& value, DirEntry* entry);
+// Member record value: {"name","site","maintenance","decommission","witness","lease","agent"}.
+std::string EncodeMemberValue(const MemberRecord& member);
+bool DecodeMemberValue(const std::string& value, MemberRecord* member);
+std::string Base64Encode(const std::string& bytes);
+bool Base64Decode(const std::string& text, std::string* bytes);
+
+// One thread running tasks in submission order. Stop() runs what was queued, then joins.
+class SerialExecutor {
+ public:
+  SerialExecutor();
+  ~SerialExecutor();
+  SerialExecutor(const SerialExecutor&) = delete;
+  SerialExecutor& operator=(const SerialExecutor&) = delete;
+
+  void Post(std::function<void()> task);
+  void Stop();
+  bool OnThread() const { return std::this_thread::get_id() == thread_.get_id(); }
+
+ private:
+  void Run();
+
+  std::mutex mu_;
+  std::condition_variable cv_;
+  std::deque<std::function<void()>> tasks_;  // guarded by mu_
+  bool stopping_ = false;                    // guarded by mu_
+  std::thread thread_;
+};
+
+// Subscriptions and their delivery on one notification thread, with the ending rules described at
+// the top of this file. Backends report changes with Publish*; matching is done here.
+class NotificationHub {
+ public:
+  NotificationHub();
+  ~NotificationHub();  // ends every remaining subscription
+  NotificationHub(const NotificationHub&) = delete;
+  NotificationHub& operator=(const NotificationHub&) = delete;
+
+  Directory::SubscriptionId Add(const DirQuery& query, Directory::NotifyFn fn);
+  NUK_ReturnStatus Remove(Directory::SubscriptionId id);
+  bool Empty() const;
+
+  // An entry was created or replaced (NUK_OK) or deleted (NUK_NOT_FOUND).
+  void Publish(NUK_ReturnStatus status, const DirEntry& entry);
+  // Changes may have been missed: every subscription gets NUK_ENTRY_CHANGED.
+  void PublishLookAgain();
+  // Ends every subscription and stops the thread; later Publish calls are dropped.
+  void Shutdown();
+
+ private:
+  struct Subscription {
+    Directory::SubscriptionId id = 0;
+    DirQuery query;
+    Directory::NotifyFn fn;
+    bool cancelled = false;     // guarded by mu_
+    bool endPending = false;    // guarded by mu_: ended call owed by the notification thread
+  };
+  using SubPtr = std::shared_ptr<Subscription>;
+  struct Event {
+    SubPtr sub;
+    NUK_ReturnStatus status;
+    bool hasEntry;
+    DirEntry entry;
+  };
+
+  void Run();
+  void Enqueue(const SubPtr& sub, NUK_ReturnStatus status, const DirEntry* entry);
+
+  mutable std::mutex mu_;
+  std::condition_variable cv_;
+  std::map<Directory::SubscriptionId, SubPtr> subs_;  // guarded by mu_
+  std::deque<Event> queue_;                           // guarded by mu_
+  SubPtr delivering_;                                 // guarded by mu_
+  Directory::SubscriptionId nextId_ = 1;              // guarded by mu_
+  bool stopping_ = false;                             // guarded by mu_
+  std::thread thread_;
+};
+
+}  // namespace platform
+}  // namespace kel

@@ -1,0 +1,134 @@
+// The etcd directory: a cluster directory kept in etcd 3.4 through its v3 JSON gateway.
+//
+//   <prefix>/entries/<type>/<uuid>  {"owner","health","data"(base64)}, under the writer's lease
+//   <prefix>/hosts/<uuid>           member record, under the host's lease
+//   <prefix>/owners/<object-uuid>   owner host uuid as text, no lease (survives agent restarts)
+//
+// Liveness: a live host holds a lease of `leaseTtlSeconds` and keeps it alive (a keepalive every
+// third of the TTL). A keepalive answer without a TTL, or with 0, means the lease is gone (expired
+// while the process was stalled or cut off): a new lease is granted, the member record and the
+// entries this process wrote are put again under it. The host agent adopts the lease of a previous
+// agent run that is still alive, so a quick restart loses nothing. Other programs borrow the
+// agent's lease when the member record names a live one; otherwise they hold a lease of their own
+// for their lifetime and revoke it when closed, so what they own vanishes with them.
+//
+// Notifications come from one watch stream over <prefix>/entries/ per directory object, started by
+// the first Subscribe. After a dropped connection the stream resumes at the last seen revision + 1;
+// when that revision has been compacted away the entries are read again with a range and the
+// differences are reported as ordinary changes before watching again from the range's revision.
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include "platform/directory.h"
+#include "platform/etcd_client.h"
+
+namespace kel {
+namespace platform {
+
+class EtcdDirectory : public Directory {
+ public:
+  // Acquires the host's lease (see above) and registers the host. Throws OrsaCtlException when
+  // etcd cannot be reached.
+  EtcdDirectory(const HostConfig& config, DirectoryRole role);
+  ~EtcdDirectory() override;
+
+  DirUuid SelfUuid() const override { return self_; }
+  NUK_ReturnStatus Find(const DirQuery& query, std::vector<DirEntry>* out) override;
+  NUK_ReturnStatus Update(const DirEntry& entry, CompletionFn done) override;
+  NUK_ReturnStatus Delete(const DirUuid& uuid, uint8_t type) override;
+  NUK_ReturnStatus Subscribe(const DirQuery& query, NotifyFn fn, SubscriptionId* id) override;
+  NUK_ReturnStatus Unsubscribe(SubscriptionId id) override;
+
+  NUK_ReturnStatus ListMembers(std::vector<MemberRecord>* out) override;
+  NUK_ReturnStatus UpdateSelfMember(const std::function<void(MemberRecord&)>& edit) override;
+  NUK_ReturnStatus JoinCluster() override;
+  NUK_ReturnStatus LeaveCluster() override;
+
+  NUK_ReturnStatus GetObjectOwner(const std::string& objectUuid, ObjectOwner* out) override;
+  NUK_ReturnStatus CompareAndSwapObjectOwner(const std::string& objectUuid,
+                                             int64_t expectedRevision,
+                                             const std::string& newHostUuid) override;
+  NUK_ReturnStatus DeleteObjectOwner(const std::string& objectUuid) override;
+  NUK_ReturnStatus ListObjectOwners(std::map<std::string, ObjectOwner>* out) override;
+
+  // Called (on the keepalive thread) when the host agent finds its member record removed while
+  // its lease is alive: the host has left the cluster. Set before it can fire.
+  void SetMembershipLostHandler(std::function<void()> handler);
+
+  // The lease this process writes under, and whether it is its own (granted here).
+  int64_t LeaseId() const;
+  bool OwnsLease() const;
+
+  // Test-only: stop sending keepalives (the lease then expires as if the process hung).
+  void SuspendKeepAliveForTest(bool suspend);
+  // Test-only: drop the watch connection; the stream resumes as after a network failure.
+  void CutWatchStreamForTest();
+  // Test-only: while paused, a dropped watch stream is not reconnected.
+  void SetWatchPausedForTest(bool paused);
+  // Test-only: how many times the watch had to re-read after a compaction.
+  int CompactionResyncsForTest() const { return compactionResyncs_.load(); }
+
+ private:
+  std::string EntryKey(const DirUuid& uuid, uint8_t type) const;
+  std::string EntriesPrefix() const { return prefix_ + "/entries/"; }
+  std::string MemberKey(const std::string& uuidText) const { return prefix_ + "/hosts/" + uuidText; }
+  std::string OwnerKey(const std::string& uuidText) const { return prefix_ + "/owners/" + uuidText; }
+  bool EntryFromKeyValue(const EtcdClient::KeyValue& kv, DirEntry* out) const;
+
+  NUK_ReturnStatus AcquireLease();
+  NUK_ReturnStatus GrantOwnLease();
+  NUK_ReturnStatus RegisterMember(int64_t lease);
+  NUK_ReturnStatus PutUnderLease(const std::string& key, const std::string& value);
+  void KeepAliveLoop();
+  void RepairAfterLeaseLoss();
+
+  NUK_ReturnStatus StartWatch();
+  void WatchLoop();
+  void Resync();
+  void HandleWatchEvent(const nlohmann::json& event);
+
+  EtcdClient client_;
+  std::string prefix_;
+  DirUuid self_{};
+  std::string selfText_;
+  std::string selfName_;
+  std::string selfSite_;
+  int ttl_;
+  DirectoryRole role_;
+
+  mutable std::mutex leaseMu_;
+  int64_t lease_ = 0;        // guarded by leaseMu_
+  bool ownLease_ = false;    // guarded by leaseMu_: granted (or adopted, for the agent) here
+  std::map<std::string, std::string> written_;  // key -> value put by this process; leaseMu_
+  std::function<void()> membershipLost_;        // guarded by leaseMu_
+  bool membershipLostReported_ = false;         // guarded by leaseMu_
+  std::atomic<bool> keepAliveSuspended_{false};
+
+  std::mutex stopMu_;
+  std::condition_variable stopCv_;
+  bool stopping_ = false;      // guarded by stopMu_
+  bool watchPaused_ = false;   // guarded by stopMu_
+  std::thread keepAlive_;
+
+  std::mutex watchMu_;
+  bool watchStarted_ = false;                         // guarded by watchMu_
+  int64_t watchRevision_ = 0;                         // next revision to watch from; watch thread
+  std::map<std::string, DirEntry> snapshot_;          // key -> last seen entry; watch thread
+  EtcdWatchStream stream_;
+  std::thread watcher_;
+  std::atomic<int> compactionResyncs_{0};
+
+  std::unique_ptr<NotificationHub> hub_;
+  std::unique_ptr<SerialExecutor> writer_;
+};
+
+}  // namespace platform
+}  // namespace kel

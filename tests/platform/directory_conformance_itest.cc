@@ -1,0 +1,511 @@
+// One behaviour, two backends: every test here runs against the embedded directory and against a
+// real etcd started on loopback for this binary.
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "platform/directory.h"
+#include "platform/directory_embedded.h"
+#include "platform/directory_etcd.h"
+#include "tests/support/etcd_fixture.h"
+#include "tests/support/test_support.h"
+
+using kel::platform::Directory;
+using kel::platform::DirEntry;
+using kel::platform::DirQuery;
+using kel::platform::DirUuid;
+using kel::platform::DirUuidToText;
+using kel::platform::HostConfig;
+using kel::platform::MemberRecord;
+using kel::platform::ObjectOwner;
+using kel::platform::RandomDirUuid;
+
+namespace {
+
+constexpr auto kWait = std::chrono::seconds(10);
+
+// Notifications as they arrive, with the thread they arrived on.
+class Recorder {
+ public:
+  struct Note {
+    NUK_ReturnStatus status;
+    bool hasEntry;
+    DirEntry entry;
+    std::thread::id thread;
+  };
+
+  Directory::NotifyFn Fn() {
+    return [this](NUK_ReturnStatus st, const DirEntry* e) {
+      std::lock_guard<std::mutex> guard(mu_);
+      notes_.push_back({st, e != nullptr, e != nullptr ? *e : DirEntry(), std::this_thread::get_id()});
+      cv_.notify_all();
+    };
+  }
+  // Waits until at least `n` notifications arrived.
+  bool WaitCount(size_t n, std::chrono::milliseconds timeout = kWait) {
+    std::unique_lock<std::mutex> lock(mu_);
+    return cv_.wait_for(lock, timeout, [&] { return notes_.size() >= n; });
+  }
+  // Waits for a notification satisfying `pred`.
+  bool WaitFor(const std::function<bool(const Note&)>& pred,
+               std::chrono::milliseconds timeout = kWait) {
+    std::unique_lock<std::mutex> lock(mu_);
+    return cv_.wait_for(lock, timeout, [&] {
+      for (const Note& n : notes_) {
+        if (pred(n)) return true;
+      }
+      return false;
+    });
+  }
+  std::vector<Note> Notes() {
+    std::lock_guard<std::mutex> guard(mu_);
+    return notes_;
+  }
+
+ private:
+  std::mutex mu_;
+  std::condition_variable cv_;
+  std::vector<Note> notes_;
+};
+
+NUK_ReturnStatus UpdateAndWait(Directory& dir, const DirEntry& e) {
+  std::mutex mu;
+  std::condition_variable cv;
+  bool done = false;
+  NUK_ReturnStatus result = NUK_PENDING;
+  NUK_ReturnStatus st = dir.Update(e, [&](NUK_ReturnStatus s) {
+    std::lock_guard<std::mutex> guard(mu);
+    result = s;
+    done = true;
+    cv.notify_all();
+  });
+  if (st != NUK_OK) return st;
+  std::unique_lock<std::mutex> lock(mu);
+  cv.wait(lock, [&] { return done; });
+  return result;
+}
+
+DirEntry MakeEntry(uint8_t type, const std::string& data) {
+  DirEntry e;
+  e.uuid = RandomDirUuid();
+  e.type = type;
+  e.data = data;
+  return e;
+}
+
+DirQuery ByUuid(const DirEntry& e) {
+  DirQuery q;
+  q.matchUuid = q.matchType = true;
+  q.uuid = e.uuid;
+  q.type = e.type;
+  return q;
+}
+
+// ---- backends ----
+
+class EmbeddedBackend {
+ public:
+  static constexpr bool kMultiHost = false;
+  EmbeddedBackend() : config_(kel::testing::MakeTestHostConfig(dir_.path(), "host-a")) {
+    config_.hostSite = "Preferred";
+  }
+  std::shared_ptr<Directory> Open() {
+    return std::make_shared<kel::platform::EmbeddedDirectory>(config_);
+  }
+  // Another view of the same cluster: on one host, another process's directory object.
+  std::shared_ptr<Directory> OpenPeer() { return Open(); }
+  const HostConfig& Config() const { return config_; }
+
+ private:
+  kel::testing::TempDir dir_;
+  HostConfig config_;
+};
+
+class EtcdBackend {
+ public:
+  static constexpr bool kMultiHost = true;
+  static void SetUpSuite() {
+    server_ = new kel::testing::EtcdServer();
+    std::string error;
+    if (!server_->Start(&error)) FAIL() << error;
+  }
+  static void TearDownSuite() {
+    delete server_;
+    server_ = nullptr;
+  }
+  EtcdBackend() {
+    static std::atomic<int> counter{0};
+    prefix_ = "/kel/conformance-" + std::to_string(counter.fetch_add(1));
+    config_ = kel::testing::MakeTestHostConfig(dir_.path(), "host-a", server_->Endpoint(),
+                                               prefix_, 5);
+    config_.hostSite = "Preferred";
+    peer_ = kel::testing::MakeTestHostConfig(dir_.path(), "host-b", server_->Endpoint(), prefix_,
+                                             5);
+  }
+  std::shared_ptr<Directory> Open() {
+    return std::make_shared<kel::platform::EtcdDirectory>(config_,
+                                                          kel::platform::DirectoryRole::kHostAgent);
+  }
+  // Another host of the same cluster.
+  std::shared_ptr<Directory> OpenPeer() {
+    return std::make_shared<kel::platform::EtcdDirectory>(peer_,
+                                                          kel::platform::DirectoryRole::kHostAgent);
+  }
+  const HostConfig& Config() const { return config_; }
+
+ private:
+  static kel::testing::EtcdServer* server_;
+  kel::testing::TempDir dir_;
+  std::string prefix_;
+  HostConfig config_;
+  HostConfig peer_;
+};
+kel::testing::EtcdServer* EtcdBackend::server_ = nullptr;
+
+template <typename Backend>
+class DirectoryConformance : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    if constexpr (Backend::kMultiHost) Backend::SetUpSuite();
+  }
+  static void TearDownTestSuite() {
+    if constexpr (Backend::kMultiHost) Backend::TearDownSuite();
+  }
+  Backend backend_;
+};
+
+using Backends = ::testing::Types<EmbeddedBackend, EtcdBackend>;
+class BackendNames {
+ public:
+  template <typename T>
+  static std::string GetName(int) {
+    return std::is_same<T, EmbeddedBackend>::value ? "Embedded" : "Etcd";
+  }
+};
+TYPED_TEST_SUITE(DirectoryConformance, Backends, BackendNames);
+
+TYPED_TEST(DirectoryConformance, EntriesRoundTripAndAreFoundByEachHeaderField) {
+  auto dir = this->backend_.Open();
+  std::string binary("a\0b\xff\x01z", 6);
+  DirEntry config = MakeEntry(37, binary);
+  DirEntry flagged = MakeEntry(0xA5, "high bit");  // 0xA5 is its own type, not 0x25
+  flagged.uuid = config.uuid;
+  DirEntry other = MakeEntry(38, "nic");
+  ASSERT_EQ(UpdateAndWait(*dir, config), NUK_OK);
+  ASSERT_EQ(UpdateAndWait(*dir, flagged), NUK_OK);
+  ASSERT_EQ(UpdateAndWait(*dir, other), NUK_OK);
+
+  std::vector<DirEntry> found;
+  ASSERT_EQ(dir->Find(ByUuid(config), &found), NUK_OK);
+  ASSERT_EQ(found.size(), 1u);
+  EXPECT_EQ(found[0].data, binary);
+  EXPECT_EQ(found[0].type, 37);
+  EXPECT_EQ(found[0].owner, dir->SelfUuid()) << "a zero owner stands for this host";
+  EXPECT_TRUE(found[0].healthy);
+
+  ASSERT_EQ(dir->Find(ByUuid(flagged), &found), NUK_OK);
+  ASSERT_EQ(found.size(), 1u);
+  EXPECT_EQ(found[0].type, 0xA5);
+  EXPECT_EQ(found[0].data, "high bit");
+
+  DirQuery byUuidOnly;
+  byUuidOnly.matchUuid = true;
+  byUuidOnly.uuid = config.uuid;
+  ASSERT_EQ(dir->Find(byUuidOnly, &found), NUK_OK);
+  ASSERT_EQ(found.size(), 2u);
+  EXPECT_EQ(found[0].type, 37) << "results come in type order";
+  EXPECT_EQ(found[1].type, 0xA5);
+
+  DirQuery byOwnerAndType;
+  byOwnerAndType.matchOwner = byOwnerAndType.matchType = true;
+  byOwnerAndType.owner = dir->SelfUuid();
+  byOwnerAndType.type = 38;
+  ASSERT_EQ(dir->Find(byOwnerAndType, &found), NUK_OK);
+  ASSERT_EQ(found.size(), 1u);
+  EXPECT_EQ(found[0].uuid, other.uuid);
+  byOwnerAndType.owner = RandomDirUuid();
+  EXPECT_EQ(dir->Find(byOwnerAndType, &found), NUK_NOT_FOUND);
+  EXPECT_TRUE(found.empty());
+
+  // Replace keeps one entry with the new data; an explicit owner is kept as given.
+  config.data = "second";
+  config.owner = RandomDirUuid();
+  config.healthy = false;
+  ASSERT_EQ(UpdateAndWait(*dir, config), NUK_OK);
+  ASSERT_EQ(dir->Find(ByUuid(config), &found), NUK_OK);
+  ASSERT_EQ(found.size(), 1u);
+  EXPECT_EQ(found[0].data, "second");
+  EXPECT_EQ(found[0].owner, config.owner);
+  EXPECT_FALSE(found[0].healthy);
+
+  ASSERT_EQ(dir->Delete(config.uuid, 37), NUK_OK);
+  EXPECT_EQ(dir->Find(ByUuid(config), &found), NUK_NOT_FOUND);
+  EXPECT_EQ(dir->Delete(config.uuid, 37), NUK_NOT_FOUND);
+  EXPECT_EQ(dir->Find(ByUuid(flagged), &found), NUK_OK) << "other type of the same uuid stays";
+}
+
+TYPED_TEST(DirectoryConformance, UpdateCompletesOnceOnTheWriterThreadAndRefusesZeroUuid) {
+  auto dir = this->backend_.Open();
+  std::atomic<int> calls{0};
+  std::thread::id completionThread;
+  std::mutex mu;
+  std::condition_variable cv;
+  DirEntry e = MakeEntry(38, "x");
+  ASSERT_EQ(dir->Update(e,
+                        [&](NUK_ReturnStatus st) {
+                          std::lock_guard<std::mutex> guard(mu);
+                          EXPECT_EQ(st, NUK_OK);
+                          completionThread = std::this_thread::get_id();
+                          calls.fetch_add(1);
+                          cv.notify_all();
+                        }),
+            NUK_OK);
+  {
+    std::unique_lock<std::mutex> lock(mu);
+    ASSERT_TRUE(cv.wait_for(lock, kWait, [&] { return calls.load() > 0; }));
+    EXPECT_NE(completionThread, std::this_thread::get_id());
+  }
+  DirEntry zero;
+  zero.type = 38;
+  EXPECT_EQ(dir->Update(zero, [&](NUK_ReturnStatus) { calls.fetch_add(100); }), NUK_BAD_PARAM);
+  dir.reset();  // drains the writer
+  EXPECT_EQ(calls.load(), 1);
+}
+
+TYPED_TEST(DirectoryConformance, SubscribersSeeChangesOfOtherViewsAndTheEndOnce) {
+  auto writer = this->backend_.Open();
+  auto watcher = this->backend_.OpenPeer();
+  DirEntry e = MakeEntry(37, "gen-1");
+  DirEntry unrelated = MakeEntry(37, "other");
+  DirEntry highBit = MakeEntry(0xA5, "flagged");
+  highBit.uuid = e.uuid;
+
+  Recorder rec;
+  Directory::SubscriptionId id = 0;
+  ASSERT_EQ(watcher->Subscribe(ByUuid(e), rec.Fn(), &id), NUK_OK);
+  ASSERT_EQ(UpdateAndWait(*writer, unrelated), NUK_OK);
+  ASSERT_EQ(UpdateAndWait(*writer, highBit), NUK_OK);
+  ASSERT_EQ(UpdateAndWait(*writer, e), NUK_OK);
+  ASSERT_TRUE(rec.WaitFor([](const Recorder::Note& n) { return n.status == NUK_OK; }));
+  e.data = "gen-2";
+  ASSERT_EQ(UpdateAndWait(*writer, e), NUK_OK);
+  ASSERT_TRUE(rec.WaitFor([](const Recorder::Note& n) { return n.entry.data == "gen-2"; }));
+  ASSERT_EQ(writer->Delete(e.uuid, e.type), NUK_OK);
+  ASSERT_TRUE(rec.WaitFor([](const Recorder::Note& n) { return n.status == NUK_NOT_FOUND; }));
+
+  ASSERT_EQ(watcher->Unsubscribe(id), NUK_OK);
+  ASSERT_TRUE(rec.WaitFor(
+      [](const Recorder::Note& n) { return n.status == NUK_SUBSCRIPTION_ENDED; }));
+  EXPECT_EQ(watcher->Unsubscribe(id), NUK_NOT_FOUND);
+  ASSERT_EQ(UpdateAndWait(*writer, e), NUK_OK);
+  std::this_thread::sleep_for(std::chrono::milliseconds(300));
+
+  auto notes = rec.Notes();
+  ASSERT_FALSE(notes.empty());
+  for (const auto& n : notes) {
+    if (n.hasEntry) {
+      EXPECT_EQ(n.entry.uuid, e.uuid) << "only the subscribed entry is reported";
+      EXPECT_EQ(n.entry.type, 37);
+      EXPECT_EQ(n.entry.owner, writer->SelfUuid());
+    }
+  }
+  EXPECT_EQ(notes.back().status, NUK_SUBSCRIPTION_ENDED) << "nothing after the end";
+  EXPECT_FALSE(notes.back().hasEntry);
+  size_t ended = 0, deleted = 0;
+  for (const auto& n : notes) {
+    ended += n.status == NUK_SUBSCRIPTION_ENDED;
+    deleted += n.status == NUK_NOT_FOUND;
+  }
+  EXPECT_EQ(ended, 1u);
+  EXPECT_EQ(deleted, 1u);
+  // The deletion is reported with the last header of the entry.
+  for (const auto& n : notes) {
+    if (n.status == NUK_NOT_FOUND) EXPECT_TRUE(n.hasEntry);
+  }
+}
+
+TYPED_TEST(DirectoryConformance, TypeAndOwnerSubscriptionsFilterAndRunOnTheNotificationThread) {
+  auto writer = this->backend_.Open();
+  auto watcher = this->backend_.OpenPeer();
+  Recorder byType, byOwner;
+  DirQuery typeQuery;
+  typeQuery.matchType = true;
+  typeQuery.type = 38;
+  DirQuery ownerQuery;
+  ownerQuery.matchOwner = ownerQuery.matchType = true;
+  ownerQuery.type = 38;
+  ownerQuery.owner = RandomDirUuid();
+  Directory::SubscriptionId a = 0, b = 0;
+  ASSERT_EQ(watcher->Subscribe(typeQuery, byType.Fn(), &a), NUK_OK);
+  ASSERT_EQ(watcher->Subscribe(ownerQuery, byOwner.Fn(), &b), NUK_OK);
+
+  DirEntry mine = MakeEntry(38, "mine");
+  DirEntry theirs = MakeEntry(38, "theirs");
+  theirs.owner = ownerQuery.owner;
+  DirEntry config = MakeEntry(37, "config");
+  ASSERT_EQ(UpdateAndWait(*writer, config), NUK_OK);
+  ASSERT_EQ(UpdateAndWait(*writer, mine), NUK_OK);
+  ASSERT_EQ(UpdateAndWait(*writer, theirs), NUK_OK);
+  ASSERT_TRUE(byType.WaitCount(2));
+  ASSERT_TRUE(byOwner.WaitCount(1));
+  std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  auto typeNotes = byType.Notes();
+  auto ownerNotes = byOwner.Notes();
+  ASSERT_EQ(typeNotes.size(), 2u);
+  ASSERT_EQ(ownerNotes.size(), 1u);
+  EXPECT_EQ(ownerNotes[0].entry.data, "theirs");
+  EXPECT_NE(typeNotes[0].thread, std::this_thread::get_id());
+  EXPECT_EQ(typeNotes[0].thread, ownerNotes[0].thread) << "one notification thread";
+  EXPECT_EQ(watcher->Unsubscribe(a), NUK_OK);
+  EXPECT_EQ(watcher->Unsubscribe(b), NUK_OK);
+}
+
+TYPED_TEST(DirectoryConformance, UnsubscribeFromInsideTheCallbackEndsAfterItReturns) {
+  auto dir = this->backend_.Open();
+  DirEntry e = MakeEntry(37, "x");
+  std::mutex mu;
+  std::condition_variable cv;
+  std::vector<std::string> order;
+  Directory::SubscriptionId id = 0;
+  std::shared_ptr<Directory> keep = dir;
+  ASSERT_EQ(dir->Subscribe(ByUuid(e),
+                           [&](NUK_ReturnStatus st, const DirEntry*) {
+                             std::lock_guard<std::mutex> guard(mu);
+                             if (st == NUK_OK && order.empty()) {
+                               order.push_back("change");
+                               EXPECT_EQ(keep->Unsubscribe(id), NUK_OK);
+                               order.push_back("unsubscribed");
+                             } else if (st == NUK_SUBSCRIPTION_ENDED) {
+                               order.push_back("ended");
+                             } else {
+                               order.push_back("other");
+                             }
+                             cv.notify_all();
+                           },
+                           &id),
+            NUK_OK);
+  ASSERT_EQ(UpdateAndWait(*dir, e), NUK_OK);
+  e.data = "y";
+  ASSERT_EQ(UpdateAndWait(*dir, e), NUK_OK);
+  std::unique_lock<std::mutex> lock(mu);
+  ASSERT_TRUE(cv.wait_for(lock, kWait, [&] { return order.size() >= 3; }));
+  lock.unlock();
+  std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  lock.lock();
+  EXPECT_EQ(order, (std::vector<std::string>{"change", "unsubscribed", "ended"}));
+}
+
+TYPED_TEST(DirectoryConformance, ClosingTheDirectoryEndsItsSubscriptions) {
+  auto dir = this->backend_.Open();
+  Recorder rec;
+  Directory::SubscriptionId id = 0;
+  DirQuery all;
+  ASSERT_EQ(dir->Subscribe(all, rec.Fn(), &id), NUK_OK);
+  dir.reset();
+  auto notes = rec.Notes();
+  ASSERT_EQ(notes.size(), 1u);
+  EXPECT_EQ(notes[0].status, NUK_SUBSCRIPTION_ENDED);
+}
+
+TYPED_TEST(DirectoryConformance, MembershipHoldsThisHostWithItsFlags) {
+  auto dir = this->backend_.Open();
+  std::string self = DirUuidToText(dir->SelfUuid());
+  EXPECT_EQ(self, this->backend_.Config().hostUuid);
+  auto findSelf = [&](MemberRecord* out) {
+    std::vector<MemberRecord> members;
+    EXPECT_EQ(dir->ListMembers(&members), NUK_OK);
+    for (const auto& m : members) {
+      if (m.uuid == self) {
+        *out = m;
+        return true;
+      }
+    }
+    return false;
+  };
+  MemberRecord m;
+  ASSERT_TRUE(findSelf(&m));
+  EXPECT_EQ(m.name, "host-a");
+  EXPECT_EQ(m.site, "Preferred");
+  EXPECT_FALSE(m.maintenance);
+  EXPECT_EQ(m.decommission, kel::platform::kDecomNone);
+
+  ASSERT_EQ(dir->UpdateSelfMember([](MemberRecord& r) {
+    r.maintenance = true;
+    r.decommission = kel::platform::kDecomComplete;
+  }),
+            NUK_OK);
+  ASSERT_TRUE(findSelf(&m));
+  EXPECT_TRUE(m.maintenance);
+  EXPECT_EQ(m.decommission, kel::platform::kDecomComplete);
+
+  // Re-joining keeps the flags of the record; leaving removes it.
+  ASSERT_EQ(dir->JoinCluster(), NUK_OK);
+  ASSERT_TRUE(findSelf(&m));
+  EXPECT_TRUE(m.maintenance);
+  ASSERT_EQ(dir->LeaveCluster(), NUK_OK);
+  EXPECT_FALSE(findSelf(&m));
+  EXPECT_EQ(dir->UpdateSelfMember([](MemberRecord&) {}), NUK_NOT_FOUND);
+  EXPECT_EQ(dir->LeaveCluster(), NUK_NOT_FOUND);
+  ASSERT_EQ(dir->JoinCluster(), NUK_OK);
+  EXPECT_TRUE(findSelf(&m));
+}
+
+TYPED_TEST(DirectoryConformance, OwnerRecordsChangeOnlyByCompareAndSwap) {
+  auto dir = this->backend_.Open();
+  std::string object = DirUuidToText(RandomDirUuid());
+  std::string hostA = DirUuidToText(RandomDirUuid());
+  std::string hostB = DirUuidToText(RandomDirUuid());
+  ObjectOwner owner;
+  EXPECT_EQ(dir->GetObjectOwner(object, &owner), NUK_NOT_FOUND);
+  EXPECT_EQ(dir->GetObjectOwner("not-a-uuid", &owner), NUK_BAD_PARAM);
+  EXPECT_EQ(dir->CompareAndSwapObjectOwner(object, 0, "bad"), NUK_BAD_PARAM);
+
+  ASSERT_EQ(dir->CompareAndSwapObjectOwner(object, 0, hostA), NUK_OK);
+  EXPECT_EQ(dir->CompareAndSwapObjectOwner(object, 0, hostB), NUK_BUSY) << "create only once";
+  ASSERT_EQ(dir->GetObjectOwner(object, &owner), NUK_OK);
+  EXPECT_EQ(owner.hostUuid, hostA);
+  int64_t first = owner.revision;
+  EXPECT_GT(first, 0);
+
+  ASSERT_EQ(dir->CompareAndSwapObjectOwner(object, first, hostB), NUK_OK);
+  EXPECT_EQ(dir->CompareAndSwapObjectOwner(object, first, hostA), NUK_BUSY) << "stale revision";
+  ASSERT_EQ(dir->GetObjectOwner(object, &owner), NUK_OK);
+  EXPECT_EQ(owner.hostUuid, hostB);
+  EXPECT_NE(owner.revision, first);
+
+  // Many writers from the same revision: exactly one wins.
+  auto peer = this->backend_.OpenPeer();
+  int64_t rev = owner.revision;
+  std::atomic<int> wins{0}, busy{0};
+  std::vector<std::thread> threads;
+  std::vector<std::string> hosts;
+  for (int i = 0; i < 8; ++i) hosts.push_back(DirUuidToText(RandomDirUuid()));
+  for (int i = 0; i < 8; ++i) {
+    threads.emplace_back([&, i] {
+      Directory& d = (i % 2 == 0) ? *dir : *peer;
+      NUK_ReturnStatus st = d.CompareAndSwapObjectOwner(object, rev, hosts[i]);
+      if (st == NUK_OK) wins.fetch_add(1);
+      if (st == NUK_BUSY) busy.fetch_add(1);
+    });
+  }
+  for (auto& t : threads) t.join();
+  EXPECT_EQ(wins.load(), 1);
+  EXPECT_EQ(busy.load(), 7);
+
+  std::map<std::string, ObjectOwner> all;
+  ASSERT_EQ(dir->ListObjectOwners(&all), NUK_OK);
+  ASSERT_EQ(all.count(object), 1u);
+  EXPECT_NE(all[object].hostUuid, hostB);
+  ASSERT_EQ(dir->DeleteObjectOwner(object), NUK_OK);
+  EXPECT_EQ(dir->GetObjectOwner(object, &owner), NUK_NOT_FOUND);
+  EXPECT_EQ(dir->DeleteObjectOwner(object), NUK_NOT_FOUND);
+}
+
+}  // namespace
