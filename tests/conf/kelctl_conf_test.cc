@@ -1,0 +1,170 @@
+// kelctl conf check|format, run as the built program on real files.
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include "tests/conf/conf_test_util.h"
+#include "tests/support/test_support.h"
+
+using kel::testing::BinaryDir;
+using kel::testing::CommandResult;
+using kel::testing::LoadConfText;
+using kel::testing::RunCommand;
+using kel::testing::TempDir;
+using kel::testing::WriteConfText;
+using kel::testing::WriteFile;
+
+namespace {
+
+std::string Kelctl() { return BinaryDir() + "/cli/kelctl"; }
+
+CommandResult RunKelctl(const std::vector<std::string>& args) {
+  std::vector<std::string> argv = {Kelctl()};
+  argv.insert(argv.end(), args.begin(), args.end());
+  return RunCommand(argv);
+}
+
+std::string LastLine(const std::string& text) {
+  std::string t = text;
+  while (!t.empty() && t.back() == '\n') t.pop_back();
+  size_t nl = t.rfind('\n');
+  return nl == std::string::npos ? t : t.substr(nl + 1);
+}
+
+const char kGood[] =
+    "generation 12\n"
+    "initiator-group ig { initiator iqn.1998-01.com.example:h1 }\n"
+    "auth-group uuid-1 { chap \"u\" \"MTIzNDU2Nzg5MDEy\"; initiator-group ig }\n"
+    "target iqn.2024-01.com.example:t1 {\n"
+    "  alias \"one\"\n"
+    "  auth-group uuid-1\n"
+    "  option uuid uuid-1\n"
+    "  lun 4 { backend pemo; path uuid-1/a.vmdk; size 2048; option lun-alias \"a\" }\n"
+    "  lun 1 { backend pemo; path uuid-1/b.vmdk; size 4096 }\n"
+    "}\n";
+
+TEST(KelctlConf, CheckReportsAndExits) {
+  TempDir dir;
+  std::string good = dir.Join("good.conf");
+  WriteFile(good, kGood);
+  CommandResult ok = RunKelctl({"conf", "check", good});
+  EXPECT_EQ(ok.exit_code, 0) << ok.err;
+  EXPECT_NE(ok.out.find("generation 12, 1 targets, 2 LUNs, 1 initiator groups"), std::string::npos)
+      << ok.out;
+  // Every C-side line is mirrored at level 4, debug lines included.
+  EXPECT_NE(ok.err.find("KELD: obtaining configuration from " + good + "\n"), std::string::npos)
+      << ok.err;
+  EXPECT_NE(ok.err.find("KELD: portal-group \"default\" not defined; going with defaults"),
+            std::string::npos);
+
+  CommandResult json = RunKelctl({"--json", "conf", "check", good});
+  EXPECT_EQ(json.exit_code, 0);
+  auto doc = nlohmann::json::parse(json.out);
+  EXPECT_EQ(doc["valid"], true);
+  EXPECT_EQ(doc["generation"], 12);
+  EXPECT_EQ(doc["luns"], 2);
+
+  std::string bad = dir.Join("bad.conf");
+  WriteFile(bad, "generation 1\ntarget iqn.x:y {\n  lun 0 { path }\n}\n");
+  CommandResult fail = RunKelctl({"conf", "check", bad});
+  EXPECT_EQ(fail.exit_code, 1);
+  EXPECT_NE(fail.err.find("KELD: error in configuration file at line 3 near '}': syntax error, "
+                          "unexpected CLOSING_BRACKET, expecting STR\n"),
+            std::string::npos)
+      << fail.err;
+  EXPECT_NE(fail.err.find("KELD: 3:   lun 0 { path }\n"), std::string::npos);
+  EXPECT_NE(fail.err.find("KELD: Failed to parse config file " + bad + "\n"), std::string::npos);
+  EXPECT_EQ(LastLine(fail.err), "Failed to read conf file: " + bad);
+  EXPECT_EQ(fail.out, "");
+
+  std::string unverifiable = dir.Join("unverifiable.conf");
+  WriteFile(unverifiable, "lun a { backend ramdisk }\n");
+  CommandResult verify = RunKelctl({"conf", "check", unverifiable});
+  EXPECT_EQ(verify.exit_code, 1);
+  EXPECT_NE(verify.err.find("KELD: missing size for ramdisk-backed lun \"a\""), std::string::npos);
+  EXPECT_NE(verify.err.find("KELD: failed to validate configuration " + unverifiable),
+            std::string::npos);
+
+  std::string secret = dir.Join("secret.conf");
+  WriteFile(secret, "auth-group a { chap u \"*\" }\n");
+  CommandResult thrown = RunKelctl({"conf", "check", secret});
+  EXPECT_EQ(thrown.exit_code, 1);
+  EXPECT_EQ(LastLine(thrown.err), "Base64_Decode (Invalid argument)");
+
+  CommandResult missing = RunKelctl({"conf", "check", dir.Join("missing.conf")});
+  EXPECT_EQ(missing.exit_code, 1);
+  EXPECT_EQ(LastLine(missing.err), "unable to open configuration file " +
+                                       dir.Join("missing.conf") + ": No such file or directory");
+}
+
+TEST(KelctlConf, FormatPrintsWhatTheWriterWrites) {
+  TempDir dir;
+  std::string good = dir.Join("good.conf");
+  WriteFile(good, kGood);
+  CommandResult out = RunKelctl({"conf", "format", good});
+  ASSERT_EQ(out.exit_code, 0) << out.err;
+  auto conf = LoadConfText(kGood);
+  ASSERT_NE(conf, nullptr);
+  EXPECT_EQ(out.out, WriteConfText(conf.get()));
+  EXPECT_EQ(out.out.rfind("generation 12\n", 0), 0u);  // not incremented
+  EXPECT_EQ(out.err, "");  // warnings only, and there are none
+
+  // Formatting the output again changes nothing.
+  std::string formatted = dir.Join("formatted.conf");
+  WriteFile(formatted, out.out);
+  CommandResult again = RunKelctl({"conf", "format", formatted});
+  EXPECT_EQ(again.exit_code, 0);
+  EXPECT_EQ(again.out, out.out);
+
+  // -v mirrors the writer's service-side lines too.
+  CommandResult verbose = RunKelctl({"-v", "conf", "format", good});
+  EXPECT_EQ(verbose.exit_code, 0);
+  EXPECT_EQ(verbose.out, out.out);
+  EXPECT_NE(verbose.err.find("ConfHandle: Skipping default auth group"), std::string::npos)
+      << verbose.err;
+
+  std::string bad = dir.Join("bad.conf");
+  WriteFile(bad, "generation 1\ntimeout soon\n");
+  CommandResult fail = RunKelctl({"conf", "format", bad});
+  EXPECT_EQ(fail.exit_code, 1);
+  EXPECT_EQ(fail.out, "");
+  EXPECT_NE(fail.err.find("KELD: error in configuration file at line 2 near 'soon': invalid "
+                          "numeric value\n"),
+            std::string::npos)
+      << fail.err;
+  EXPECT_EQ(LastLine(fail.err), "Failed to read conf file: " + bad);
+
+  // A secret that the writer cannot encode prints nothing on stdout.
+  std::string long_secret = dir.Join("long.conf");
+  WriteFile(long_secret, "auth-group a { chap u \"MDEyMzQ1Njc4OWFiY2RlZmdoaWprbA==\" }\n");
+  CommandResult unwritable = RunKelctl({"conf", "format", long_secret});
+  EXPECT_EQ(unwritable.exit_code, 1);
+  EXPECT_EQ(unwritable.out, "");
+  EXPECT_EQ(LastLine(unwritable.err), "Base64_Encode failed: Unexpected encoding size");
+}
+
+TEST(KelctlConf, UsageErrorsAndHelp) {
+  for (const std::vector<std::string>& args :
+       std::vector<std::vector<std::string>>{{},
+                                             {"conf"},
+                                             {"conf", "check"},
+                                             {"conf", "check", "a", "b"},
+                                             {"conf", "format", "--bogus", "x"},
+                                             {"--nope", "conf", "check", "x"},
+                                             {"nonsense"}}) {
+    CommandResult r = RunKelctl(args);
+    EXPECT_EQ(r.exit_code, 2) << testing::PrintToString(args) << r.err;
+  }
+  CommandResult help = RunKelctl({"conf", "check", "--help"});
+  EXPECT_EQ(help.exit_code, 0);
+  EXPECT_NE(help.out.find("FILE"), std::string::npos);
+  EXPECT_NE(help.out.find("--help"), std::string::npos);
+  CommandResult top = RunKelctl({"--help"});
+  EXPECT_EQ(top.exit_code, 0);
+  for (const char* option : {"--config", "--json", "--verbose", "conf"})
+    EXPECT_NE(top.out.find(option), std::string::npos) << option;
+}
+
+}  // namespace
