@@ -12,6 +12,8 @@ namespace cli {
 // "conf check FILE", "conf format FILE": offline tools on a kel.conf file. Returns the "conf"
 // noun.
 CLI::App* AddConfCommands(CLI::App& app, CliContext& ctx);
+// "conf show [FILE] [--json]": the records of a kel.conf file (cli/conf_show_cmd.cc).
+void AddConfShowCommand(CLI::App& app, CliContext& ctx);
 
 }  // namespace cli
 }  // namespace kel

@@ -16,6 +16,7 @@ int main(int argc, char** argv) {
   app.require_subcommand(1);
 
   kel::cli::AddConfCommands(app, ctx);
+  kel::cli::AddConfShowCommand(app, ctx);
 
   return kel::cli::Main(app, ctx, argc, argv);
 }
