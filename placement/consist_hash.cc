@@ -1,5 +1,6 @@
 #include "placement/consist_hash.h"
 
+#include <charconv>
 #include <cstring>
 
 namespace NukCtl {
@@ -110,9 +111,10 @@ ConsistHash::ConsistHash(const std::map<std::string, int>& weights) {
   for (const auto& [node, weight] : weights) {
     weights_.emplace(node, weight);
     const int32_t points = PointCount(weight);
+    VirtualKeys keys(node);
     for (int32_t i = 0; i < points; ++i) {
       // emplace keeps an existing point: the first node to claim a hash keeps it.
-      ring_.emplace(GetHashKey(VirtualKey(node, i)), node);
+      ring_.emplace(GetHashKey(keys.Key(i)), node);
     }
   }
 }
@@ -143,9 +145,10 @@ void ConsistHash::RemoveHashNode(const std::string& node) {
     return;
   }
   const int32_t points = PointCount(w->second);
+  VirtualKeys keys(node);
   for (int32_t i = 0; i < points; ++i) {
     // Kept as is: erasing by hash also takes out a point that another node won by collision.
-    ring_.erase(GetHashKey(VirtualKey(node, i)));
+    ring_.erase(GetHashKey(keys.Key(i)));
   }
   weights_.erase(w);
 }
@@ -156,13 +159,17 @@ int32_t ConsistHash::PointCount(int weight) {
                               static_cast<uint32_t>(kPointsPerWeight));
 }
 
-std::string ConsistHash::VirtualKey(const std::string& node, int32_t index) {
-  std::string key;
-  key.reserve(node.size() + 12);
-  key.append(node);
-  key.push_back('-');
-  key.append(std::to_string(index));
-  return key;
+ConsistHash::VirtualKeys::VirtualKeys(const std::string& node)
+    : key_(node), base_(node.size() + 1) {
+  key_.push_back('-');
+}
+
+const std::string& ConsistHash::VirtualKeys::Key(int32_t index) {
+  char digits[16];
+  const auto end = std::to_chars(digits, digits + sizeof(digits), index).ptr;
+  key_.resize(base_);
+  key_.append(digits, end);
+  return key_;
 }
 
 }  // namespace Util

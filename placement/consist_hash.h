@@ -54,7 +54,16 @@ class ConsistHash {
  private:
   // Number of virtual keys of a node, formed in 32-bit signed arithmetic as the ring always was.
   static int32_t PointCount(int weight);
-  static std::string VirtualKey(const std::string& node, int32_t index);
+  // The virtual keys "<node>-<i>" of one node, formed in one reused buffer.
+  class VirtualKeys {
+   public:
+    explicit VirtualKeys(const std::string& node);
+    const std::string& Key(int32_t index);  // valid until the next call
+
+   private:
+    std::string key_;
+    size_t base_;
+  };
 
   std::map<std::string, int> weights_;    // node -> weight, byte-wise name order
   std::map<uint64_t, std::string> ring_;  // point hash -> node, ascending
