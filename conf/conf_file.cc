@@ -48,9 +48,10 @@ NUK_ReturnStatus OpenWithRetries(const char* path, int flags, FioHandle* file, i
       log_debugx("open succeeded for %s after %d lock retries and %d not found retries", path,
                  lock_retries, not_found_retries);
     } else {
-      log_warnx("open failed for %s after %d lock retries and %d not found retries due to error "
-                "(%s).",
-                path, lock_retries, not_found_retries, NUK_ReturnStatusToString(status));
+      log_warnx(
+          "open failed for %s after %d lock retries and %d not found retries due to error "
+          "(%s).",
+          path, lock_retries, not_found_retries, NUK_ReturnStatusToString(status));
     }
   }
   // The caller's log_warn reports the system error of the failed open, not whatever the sleeps

@@ -1,6 +1,7 @@
 #include "conf/conf_handle.h"
 
 #include <fcntl.h>
+#include <stdio_ext.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -41,6 +42,13 @@ bool MakeDirs(const std::string& dir) {
     if (i < dir.size()) cur.push_back(dir[i]);
   }
   return true;
+}
+
+// The stream is private to this thread, so stdio's per-call locking (thousands of small prints per
+// file) is pure overhead.
+void PrepareStream(FILE* stream) {
+  setvbuf(stream, nullptr, _IOFBF, kStreamBufferSize);
+  __fsetlocking(stream, FSETLOCKING_BYCALLER);
 }
 
 // Closes `stream` when it leaves scope unless Close() already did.
@@ -149,7 +157,7 @@ uint64_t ConfHandle::WriteConfFile() {
     throw OrsaCtlException("Failed to create temp config file");
   }
   StreamCloser closer(stream);
-  setvbuf(stream, nullptr, _IOFBF, kStreamBufferSize);
+  PrepareStream(stream);
   conf_->conf_generation += 1;
   _WriteConfigToFile(stream);
   if (ferror(stream) != 0 || closer.Close() != 0) {
@@ -183,7 +191,7 @@ void ConfHandle::UpdateBackupConfigFile() {
     throw OrsaCtlException(std::string("Failed to open backup config file: ") + strerror(err));
   }
   StreamCloser closer(stream);
-  setvbuf(stream, nullptr, _IOFBF, kStreamBufferSize);
+  PrepareStream(stream);
   _WriteConfigToFile(stream);
   if (closer.Close() != 0) {
     throw OrsaCtlException(std::string("Failed to close backup config file: ") + strerror(errno));

@@ -20,7 +20,7 @@
 #define FIO_LOCK_SHARED 0x20
 #define FIO_LOCK_EXCLUSIVE 0x2000
 // The combinations the configuration file uses.
-#define FIO_OPEN_READ_SHARED (FIO_ACCESS_READ | FIO_LOCK_SHARED)                          // 0x21
+#define FIO_OPEN_READ_SHARED (FIO_ACCESS_READ | FIO_LOCK_SHARED)                         // 0x21
 #define FIO_OPEN_RW_EXCLUSIVE (FIO_ACCESS_READ | FIO_ACCESS_WRITE | FIO_LOCK_EXCLUSIVE)  // 0x2003
 
 // Descriptors are opened close-on-exec: a lock must never leak into a program the service runs

@@ -145,7 +145,7 @@ int64_t Sysinfo::GetIntValue() const {
   }
   if (path_.size() != 2) {
     throw HostCtl::Lib::Orsa::OrsaCtlException("Option path of node " + node_ +
-                                                " must be a group and a name");
+                                               " must be a group and a name");
   }
   Reader reader;
   {

@@ -37,9 +37,9 @@ class FakeCommandRunner : public CommandRunner {
   int Answer(const std::string& text);
 
   mutable std::mutex mu_;
-  std::vector<std::string> commands_;              // guarded by mu_
-  std::map<std::string, int> codes_;               // guarded by mu_
-  std::map<std::string, std::string> throws_;      // guarded by mu_
+  std::vector<std::string> commands_;          // guarded by mu_
+  std::map<std::string, int> codes_;           // guarded by mu_
+  std::map<std::string, std::string> throws_;  // guarded by mu_
 };
 
 }  // namespace platform

@@ -1,13 +1,12 @@
 #include "conf/conf_file.h"
 
 #include <fcntl.h>
+#include <gtest/gtest.h>
 
 #include <chrono>
 #include <memory>
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "platform/clog.h"
 #include "platform/log.h"
@@ -32,7 +31,9 @@ class ConfFile : public ::testing::Test {
   }
   void TearDown() override { log_init(saved_level_); }
 
-  std::vector<milliseconds> Repeat(int n, int ms) { return std::vector<milliseconds>(n, milliseconds(ms)); }
+  std::vector<milliseconds> Repeat(int n, int ms) {
+    return std::vector<milliseconds>(n, milliseconds(ms));
+  }
 
   TempDir dir_;
   std::string path_;

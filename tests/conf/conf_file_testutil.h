@@ -109,7 +109,7 @@ class ScriptedClock : public platform::Clock {
  private:
   std::function<void(int)> on_sleep_;
   mutable std::mutex mu_;
-  std::vector<std::chrono::milliseconds> sleeps_;  // guarded by mu_
+  std::vector<std::chrono::milliseconds> sleeps_;   // guarded by mu_
   std::chrono::steady_clock::duration elapsed_{0};  // guarded by mu_
 };
 

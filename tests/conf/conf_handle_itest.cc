@@ -1,6 +1,5 @@
 // Several processes editing one kel.conf through ConfHandle at once, and writers killed midway.
-#include "conf/conf_handle.h"
-
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -13,9 +12,8 @@
 #include <string>
 #include <vector>
 
-#include <gtest/gtest.h>
-
 #include "conf/conf.h"
+#include "conf/conf_handle.h"
 #include "platform/clock.h"
 #include "platform/clog.h"
 #include "platform/exception.h"
@@ -30,7 +28,7 @@ using NukCtl::Orsa::IscsiTarget::ConfHandle;
 int CountGroups(const struct conf* c) {
   int n = 0;
   const struct initiator_group* ig;
-  TAILQ_FOREACH(ig, &c->conf_initiator_groups, ig_next) ++n;
+  TAILQ_FOREACH(ig, &c->conf_initiator_groups, ig_next)++ n;
   return n;
 }
 
@@ -65,7 +63,9 @@ bool ExitedCleanly(pid_t pid) {
 // without the test taking minutes.
 class ShortSleepClock : public kel::platform::Clock {
  public:
-  void SleepFor(std::chrono::milliseconds d) override { usleep(static_cast<useconds_t>(d.count() * 10)); }
+  void SleepFor(std::chrono::milliseconds d) override {
+    usleep(static_cast<useconds_t>(d.count() * 10));
+  }
   std::chrono::steady_clock::time_point Now() override { return std::chrono::steady_clock::now(); }
 };
 

@@ -1,11 +1,10 @@
 #include "conf/conf_handle.h"
 
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 
 #include <cstdint>
 #include <string>
-
-#include <gtest/gtest.h>
 
 #include "conf/conf.h"
 #include "conf/conf_backup.h"
@@ -107,8 +106,8 @@ TEST_F(ConfHandleTest, FailedConstructionLeavesNoLockBehind) {
     ScriptedClock clock;
     EXPECT_EQ(ConstructError(ConfHandle::kExclusive),
               "Parser: exclusive lock failed on " + env.conf_path());
-    EXPECT_EQ(clock.Sleeps(), std::vector<std::chrono::milliseconds>(
-                                  5, std::chrono::milliseconds(2000)));
+    EXPECT_EQ(clock.Sleeps(),
+              std::vector<std::chrono::milliseconds>(5, std::chrono::milliseconds(2000)));
   }
   {
     // Held exclusively by another process: the reader waits, then fails.
@@ -119,8 +118,8 @@ TEST_F(ConfHandleTest, FailedConstructionLeavesNoLockBehind) {
     ConfHandle::SetLockWaitMsForTest(2000);
     EXPECT_EQ(ConstructError(ConfHandle::kShared),
               "Parser: share lock failed on " + env.conf_path());
-    EXPECT_EQ(clock.Sleeps(), std::vector<std::chrono::milliseconds>(
-                                  10, std::chrono::milliseconds(200)));
+    EXPECT_EQ(clock.Sleeps(),
+              std::vector<std::chrono::milliseconds>(10, std::chrono::milliseconds(200)));
     holder.Release();
     EXPECT_TRUE(Unlocked(env.conf_path()));
   }

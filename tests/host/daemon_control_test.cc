@@ -1,11 +1,10 @@
 #include "host/daemon_control.h"
 
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "host/service_state.h"
 #include "platform/exception.h"
@@ -180,8 +179,8 @@ TEST_F(DaemonControl, FirewallRulesetThroughNftables) {
 TEST_F(DaemonControl, LoaderSettingAndServiceStateLiveInTheSettingsStore) {
   LogCapture capture;
   Util::SetKelLoaderChkConfig(true);
-  EXPECT_TRUE(HasLine(capture, Level::kInfo,
-                      "Util: Execute \"kel-loader-control kel_loader on\" done"))
+  EXPECT_TRUE(
+      HasLine(capture, Level::kInfo, "Util: Execute \"kel-loader-control kel_loader on\" done"))
       << capture.Joined();
   EXPECT_TRUE(Util::GetKelLoaderChkConfig());
   Util::SetKelLoaderChkConfig(false);

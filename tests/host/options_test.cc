@@ -1,10 +1,9 @@
-#include "host/host_options.h"
+#include <gtest/gtest.h>
 
 #include <stdexcept>
 #include <string>
 
-#include <gtest/gtest.h>
-
+#include "host/host_options.h"
 #include "platform/exception.h"
 #include "platform/host_config.h"
 #include "platform/host_controls.h"
@@ -58,8 +57,9 @@ TEST_F(HostOptions, FailedReadsAreLoggedAndReadAsZero) {
   });
   EXPECT_EQ(Util::KelGetTpiIntOpt("ORSA-iSCSI", "kelLunNaaEnable"), 5);
   EXPECT_FALSE(Util::IsKelFeatureEnabled("KelStretchedCluster"));
-  EXPECT_TRUE(capture.Contains("Util: Failed to get component: ORSA, field: KelStretchedCluster: "
-                               "option tree unavailable"))
+  EXPECT_TRUE(
+      capture.Contains("Util: Failed to get component: ORSA, field: KelStretchedCluster: "
+                       "option tree unavailable"))
       << capture.Joined();
   EXPECT_TRUE(capture.Contains("Util: Retrieve Kel Feature (KelStretchedCluster): Disabled."));
   EXPECT_EQ(Util::KelGetTpiIntOpt("ORSA-iSCSI", "kelOdd"), 0);

@@ -1,6 +1,7 @@
 #include "platform/exec.h"
 
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -8,8 +9,6 @@
 #include <future>
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "platform/exception.h"
 #include "platform/log.h"

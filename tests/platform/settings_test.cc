@@ -1,6 +1,7 @@
 #include "platform/settings.h"
 
 #include <dirent.h>
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -8,8 +9,6 @@
 #include <cstdio>
 #include <set>
 #include <string>
-
-#include <gtest/gtest.h>
 
 #include "platform/exception.h"
 #include "platform/host_config.h"
