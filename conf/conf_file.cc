@@ -62,6 +62,7 @@ NUK_ReturnStatus OpenWithRetries(const char* path, int flags, FioHandle* file, i
 
 NUK_ReturnStatus OpenLocked(const char* kind, int flags, const char* path, FioHandle* file,
                             int wait_ms) {
+  if (path == nullptr || file == nullptr) return NUK_BAD_PARAM;
   log_debugx("requesting %s lock for config file %s", kind, path);
   NUK_ReturnStatus status = OpenWithRetries(path, flags, file, wait_ms);
   if (status == NUK_OK) {
