@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstring>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "platform/fs.h"
@@ -125,15 +126,19 @@ VirtDiskError VirtDisk_Rename(const char* from, const char* to) {
     sidecars.push_back(kel::platform::ObjectAttrSidecarPath(fs, from, key));
   }
   if (int err = fs.Rename(from, to)) return err;
+  std::vector<std::pair<std::string, std::string>> moved;
   size_t i = 0;
   for (const std::string& key : kel::platform::ObjectAttrKeys()) {
-    const std::string& old_sidecar = sidecars[i++];
-    if (!fs.Exists(old_sidecar)) continue;
-    if (int err = fs.Rename(old_sidecar, kel::platform::ObjectAttrSidecarPath(fs, to, key))) {
-      // Put the disk back so that its identity is not split from it.
+    const std::string& oldSidecar = sidecars[i++];
+    if (!fs.Exists(oldSidecar)) continue;
+    std::string newSidecar = kel::platform::ObjectAttrSidecarPath(fs, to, key);
+    if (int err = fs.Rename(oldSidecar, newSidecar)) {
+      // Put everything back so that the disk's identity is never split from it.
+      for (const auto& m : moved) fs.Rename(m.second, m.first);
       fs.Rename(to, from);
       return err;
     }
+    moved.emplace_back(oldSidecar, newSidecar);
   }
   return VIRTDISK_OK;
 }
