@@ -46,6 +46,8 @@ class DirTestEnv {
   ~DirTestEnv() {
     NukCtl::Orsa::IscsiTarget::ConfigCache::UnsubscribeLodex();
     NukCtl::Orsa::IscsiTarget::ConfigCache::CleanupCachedConfig();
+    NukCtl::Orsa::IscsiTarget::ConfigCache::SetKelConfDirty(false);
+    NukCtl::Orsa::IscsiTarget::ConfigCache::SetKelConfLodexEntryExists(false, true);
     platform::SetDirectoryForTest(nullptr);
     gAppliedConfigGeneration.store(0);
   }
