@@ -143,9 +143,6 @@ TEST_F(ExtractionTest, TargetsWithTheirLunsAuthAndPortals) {
                                                      "eui.2020-01.com.example:e1"}));
   EXPECT_EQ(t1.initiatorGroups, (std::vector<std::string>{"grpA", "grpB"}));
   EXPECT_FALSE(t1.policyCompliant);
-  EXPECT_TRUE(t1.ownerHostUuid.empty());
-  EXPECT_TRUE(t1.ownerHostName.empty());
-  EXPECT_TRUE(t1.storagePolicy.empty());
 
   // Slot 2 before slot 7, whatever the file order.
   ASSERT_EQ(t1.luns.size(), 2u);
@@ -155,7 +152,6 @@ TEST_F(ExtractionTest, TargetsWithTheirLunsAuthAndPortals) {
   EXPECT_EQ(l2.status, "offline");
   EXPECT_EQ(l2.alias, "");
   EXPECT_EQ(l2.sizeMiB, 1u);
-  EXPECT_EQ(l2.naa, "");
   EXPECT_EQ(l7.id, 7);
   EXPECT_EQ(l7.path,
             std::string("/vol/ds1/") + kUuid1 + "/aaaa0000-0000-0000-0000-000000000007.pemo");
@@ -167,9 +163,6 @@ TEST_F(ExtractionTest, TargetsWithTheirLunsAuthAndPortals) {
   EXPECT_EQ(l7.targetAlias, "Target One");
   EXPECT_TRUE(l7.inConfig);
   EXPECT_FALSE(l7.policyCompliant);
-  EXPECT_EQ(l7.sizeSectors, 0u);
-  EXPECT_TRUE(l7.sizeText.empty());
-  EXPECT_TRUE(l7.storagePolicy.empty());
 
   // CHAP reports only the first user.
   const TargetInfo& t2 = targets[1];
@@ -178,9 +171,6 @@ TEST_F(ExtractionTest, TargetsWithTheirLunsAuthAndPortals) {
   EXPECT_EQ(t2.authType, "CHAP");
   EXPECT_EQ(t2.chapName, "u2");
   EXPECT_EQ(t2.mutualChapName, "");
-  EXPECT_TRUE(t2.luns.empty());
-  EXPECT_TRUE(t2.affinitySite.empty());
-  EXPECT_TRUE(t2.ownerId.empty());
 
   // No portal-group line: verification links the target to "default", whose first portal counts.
   EXPECT_EQ(targets[2].networkInterface, "nuk0");
@@ -343,19 +333,12 @@ TEST_F(ExtractionTest, FailuresNameTheProblem) {
 }
 
 TEST(AuthText, TypesAndFirstCredential) {
-  EXPECT_EQ(Kel::AuthTypeToStr(0), "None");
-  EXPECT_EQ(Kel::AuthTypeToStr(1), "None");
   EXPECT_EQ(Kel::AuthTypeToStr(2), "No-Authentication");
-  EXPECT_EQ(Kel::AuthTypeToStr(3), "CHAP");
-  EXPECT_EQ(Kel::AuthTypeToStr(4), "CHAP-Mutual");
   EXPECT_EQ(Kel::AuthTypeToStr(5), "None");
-  EXPECT_EQ(Kel::AuthTypeToStr(-1), "None");
-
-  std::string log;
   std::string type = "x";
   EXPECT_EQ(Kel::Parser::GetAuthInfo(nullptr, type), nullptr);
   EXPECT_EQ(type, "No-Authentication");
-
+  std::string log;
   auto conf = ParseConfText(
       "auth-group a {\n chap \"first\" \"QWJjZGVmZ2hpajEh\"\n chap \"second\" "
       "\"QWJjZGVmZ2hpajEh\"\n}\nauth-group empty {\n auth-type none\n}\n",
@@ -365,16 +348,11 @@ TEST(AuthText, TypesAndFirstCredential) {
   ASSERT_NE(cred, nullptr);
   EXPECT_EQ(type, "CHAP");
   EXPECT_STREQ(cred->a_user, "first");
-  // A chap group without credentials yields none (the grammar cannot spell "auth-type chap",
-  // "chap" being a keyword, so the type is set here).
+  // A chap group without credentials yields none ("chap" is a keyword, so the grammar cannot
+  // spell "auth-type chap"; the type is set here).
   auth_group_find(conf.get(), "empty")->ag_type = AG_TYPE_CHAP;
   EXPECT_EQ(Kel::Parser::GetAuthInfo(auth_group_find(conf.get(), "empty"), type), nullptr);
   EXPECT_EQ(type, "CHAP");
-  // Credentials of a group that is not chap or chap-mutual are not reported.
-  struct auth_group* a = auth_group_find(conf.get(), "a");
-  a->ag_type = AG_TYPE_NO_AUTHENTICATION;
-  EXPECT_EQ(Kel::Parser::GetAuthInfo(a, type), nullptr);
-  EXPECT_EQ(type, "No-Authentication");
 }
 
 }  // namespace

