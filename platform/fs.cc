@@ -88,9 +88,7 @@ class LinuxFsImpl : public Fs {
     return mkdir(path.c_str(), mode) == 0 ? 0 : errno;
   }
   int RemoveDir(const std::string& path) override { return rmdir(path.c_str()) == 0 ? 0 : errno; }
-  int RemoveTree(const std::string& path) override {
-    return RemoveTreeAt(AT_FDCWD, path.c_str());
-  }
+  int RemoveTree(const std::string& path) override { return RemoveTreeAt(AT_FDCWD, path.c_str()); }
   int Symlink(const std::string& target, const std::string& linkPath) override {
     return symlink(target.c_str(), linkPath.c_str()) == 0 ? 0 : errno;
   }

@@ -1,6 +1,6 @@
 // The file system operations the storage layer needs, behind one small interface so that tests can
-// inject failures (a link that cannot be made twice, a rename that fails eleven times, a file system
-// without user xattrs) while everything else runs on real files.
+// inject failures (a link that cannot be made twice, a rename that fails eleven times, a file
+// system without user xattrs) while everything else runs on real files.
 //
 // Every operation returns 0 on success or the errno value of the failure; none of them touches the
 // global errno of the caller in a way the caller relies on. Callers turn the value into text with

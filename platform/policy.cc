@@ -85,8 +85,7 @@ class PolicyParser {
       }
       policy->hasLocality = true;
     } else {
-      Refuse("unknown rule \"" + name +
-             "\" (known rules: \"proportionalCapacity\", \"locality\")");
+      Refuse("unknown rule \"" + name + "\" (known rules: \"proportionalCapacity\", \"locality\")");
     }
     SkipBlanks();
     Expect(')');
@@ -149,9 +148,12 @@ StoragePolicy ParsePolicy(const std::string& text) { return PolicyParser(text).P
 
 const char* LocalityName(Locality locality) {
   switch (locality) {
-    case Locality::kPreferred: return "Preferred";
-    case Locality::kNonPreferred: return "NonPreferred";
-    case Locality::kNone: return "None";
+    case Locality::kPreferred:
+      return "Preferred";
+    case Locality::kNonPreferred:
+      return "NonPreferred";
+    case Locality::kNone:
+      return "None";
   }
   return "None";
 }
@@ -186,8 +188,8 @@ void ApplyPolicyToObject(const std::string& path, const StoragePolicy& policy) {
   if (info.isRegular) {
     uint64_t need = PreallocationBytes(policy, info.size);
     if (need > info.allocatedBytes) {
-      if (int err = fs.Fallocate(path, 0, need)) fail("cannot reserve " + std::to_string(need) +
-                                                      " bytes (" + ErrnoText(err) + ")");
+      if (int err = fs.Fallocate(path, 0, need))
+        fail("cannot reserve " + std::to_string(need) + " bytes (" + ErrnoText(err) + ")");
     }
   }
   if (int err = WriteObjectAttr(fs, path, "policy", PolicyToText(policy))) {

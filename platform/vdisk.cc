@@ -185,13 +185,20 @@ VirtDiskError VirtDisk_EnumExtents(VirtDiskHandle* handle,
 
 const char* VirtDisk_Err2String(VirtDiskError error) {
   switch (error) {
-    case VIRTDISK_OK: return "Success";
-    case VIRTDISK_E_BUSY: return "The disk is locked by another host";
-    case VIRTDISK_E_BAD_PARAM: return "Invalid parameter";
-    case VIRTDISK_E_NOT_A_DISK: return "Not a virtual disk";
-    case VIRTDISK_E_EXISTS: return "A disk with that name already exists";
-    case VIRTDISK_E_SHRINK: return "A virtual disk cannot shrink";
-    default: break;
+    case VIRTDISK_OK:
+      return "Success";
+    case VIRTDISK_E_BUSY:
+      return "The disk is locked by another host";
+    case VIRTDISK_E_BAD_PARAM:
+      return "Invalid parameter";
+    case VIRTDISK_E_NOT_A_DISK:
+      return "Not a virtual disk";
+    case VIRTDISK_E_EXISTS:
+      return "A disk with that name already exists";
+    case VIRTDISK_E_SHRINK:
+      return "A virtual disk cannot shrink";
+    default:
+      break;
   }
   return error > 0 ? strerror(error) : "Unknown virtual disk error";
 }
@@ -211,10 +218,14 @@ ObjStoreError ObjStore_GetUniqueID(const char* path, char out[37]) {
 
 const char* ObjStore_Err2String(ObjStoreError error) {
   switch (error) {
-    case OBJSTORE_OK: return "Success";
-    case OBJSTORE_E_NO_ID: return "The object has no unique ID";
-    case OBJSTORE_E_BAD_PARAM: return "Invalid parameter";
-    default: break;
+    case OBJSTORE_OK:
+      return "Success";
+    case OBJSTORE_E_NO_ID:
+      return "The object has no unique ID";
+    case OBJSTORE_E_BAD_PARAM:
+      return "Invalid parameter";
+    default:
+      break;
   }
   return error > 0 ? strerror(error) : "Unknown object store error";
 }

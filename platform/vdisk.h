@@ -27,11 +27,11 @@
 typedef int VirtDiskError;
 
 #define VIRTDISK_OK 0
-#define VIRTDISK_E_BUSY (-1)         // another holder has the disk locked
+#define VIRTDISK_E_BUSY (-1)  // another holder has the disk locked
 #define VIRTDISK_E_BAD_PARAM (-2)
-#define VIRTDISK_E_NOT_A_DISK (-3)   // not a regular file
-#define VIRTDISK_E_EXISTS (-4)       // rename target already exists
-#define VIRTDISK_E_SHRINK (-5)       // a disk can only grow
+#define VIRTDISK_E_NOT_A_DISK (-3)  // not a regular file
+#define VIRTDISK_E_EXISTS (-4)      // rename target already exists
+#define VIRTDISK_E_SHRINK (-5)      // a disk can only grow
 
 #define VIRTDISK_OPEN_READ_WRITE 0x0002u
 #define VIRTDISK_OPEN_LOCK_EXCLUSIVE 0x0008u
@@ -82,7 +82,7 @@ const char* VirtDisk_Err2String(VirtDiskError error);
 // The object library: the unique ID (8-4-4-4-12 text) of the storage object at `path`.
 typedef int ObjStoreError;
 #define OBJSTORE_OK 0
-#define OBJSTORE_E_NO_ID (-1)       // the object carries no ID
+#define OBJSTORE_E_NO_ID (-1)  // the object carries no ID
 #define OBJSTORE_E_BAD_PARAM (-2)
 
 ObjStoreError ObjStore_GetUniqueID(const char* path, char out[37]);

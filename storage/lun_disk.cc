@@ -33,7 +33,7 @@ using HostCtl::Lib::Orsa::OrsaCtlException;
 using NukCtl::Storage::DiskLunApi;
 
 const char* const kTag = "Util";
-const int kRenameRetries = 11;    // after the first attempt: 12 in all, 1 s apart
+const int kRenameRetries = 11;      // after the first attempt: 12 in all, 1 s apart
 const int kRemoveLastAttempt = 30;  // attempts 0..30: 31 probes over 30 s
 
 // Open flags of the release probe (platform/vdisk.h: both are an exclusive probe on Linux).
@@ -65,8 +65,8 @@ std::string GetObjectUuidForLun(const std::string& path) {
   char uuid[37];
   ObjStoreError err = ObjStore_GetUniqueID(path.c_str(), uuid);
   if (err != OBJSTORE_OK) {
-    throw OrsaCtlException("Failed to get object UUID of LUN " + path + " with error: " +
-                           ObjStore_Err2String(err));
+    throw OrsaCtlException("Failed to get object UUID of LUN " + path +
+                           " with error: " + ObjStore_Err2String(err));
   }
   return uuid;
 }
@@ -96,8 +96,8 @@ void CreateLun(const std::string& lunIdText, const std::string& targetName,
       kel::platform::SleepMs(1000);
     }
     if (err != VIRTDISK_OK) {
-      throw OrsaCtlException("Failed to rename LUN " + tempPath + " with error: " +
-                             VirtDisk_Err2String(err));
+      throw OrsaCtlException("Failed to rename LUN " + tempPath +
+                             " with error: " + VirtDisk_Err2String(err));
     }
     path = relativeDir + "/" + objectUuid + ".pemo";
     uuid = objectUuid;
@@ -120,14 +120,14 @@ void RemoveLun(int id, const std::string& relativePath, const std::string& targe
   const int64_t exclSession = kel::platform::HostOption("ORSA-iSCSI", "kelUseDomExclSession");
   unsigned major = 0, minor = 0;
   if (!ReadDiskFormat(path, &major, &minor)) {
-    LogWarning("%s: Failed to get iscsi version for LUN: %s. Will try to use ZOFS lock and DOM "
-               "exclusive session to detect LUN released by the owner.\n",
-               kTag, path.c_str());
+    LogWarning(
+        "%s: Failed to get iscsi version for LUN: %s. Will try to use ZOFS lock and DOM "
+        "exclusive session to detect LUN released by the owner.\n",
+        kTag, path.c_str());
     major = minor = 0;
   }
-  const uint32_t flags = (exclSession == 0 || (exclSession == 1 && major < 7))
-                             ? kProbeLockFlags
-                             : kProbeSessionFlags;
+  const uint32_t flags =
+      (exclSession == 0 || (exclSession == 1 && major < 7)) ? kProbeLockFlags : kProbeSessionFlags;
 
   for (int attempt = 0;; ++attempt) {
     std::string lastError;
@@ -157,10 +157,11 @@ void RemoveLun(int id, const std::string& relativePath, const std::string& targe
     LogWarning("%s: Can not remove LUN disk %s, reason: %s. Retrying... %d\n", kTag, path.c_str(),
                lastError.c_str(), attempt);
     if (attempt >= kRemoveLastAttempt) {
-      LogError("%s: Failed to remove LUN %s after %d seconds. Giving up. For more details please "
-               "see keld.log on host %s and retry removing...Last error %s.\n",
-               kTag, path.c_str(), kRemoveLastAttempt,
-               kel::platform::CurrentHostConfig()->hostName.c_str(), lastError.c_str());
+      LogError(
+          "%s: Failed to remove LUN %s after %d seconds. Giving up. For more details please "
+          "see keld.log on host %s and retry removing...Last error %s.\n",
+          kTag, path.c_str(), kRemoveLastAttempt,
+          kel::platform::CurrentHostConfig()->hostName.c_str(), lastError.c_str());
       throw OrsaCtlException(lastError);
     }
     kel::platform::SleepMs(1000);
@@ -179,8 +180,7 @@ void RemovePRFile(const std::string& targetName, const std::string& lunPath) {
   if (err != 0 && err != ENOENT) {
     LogWarning("%s: Failed to remove PR info  file: %s (errno = %d)\n", kTag, prPath.c_str(), err);
   } else if (err == 0) {
-    LogInfo("%s: Removed PR info file %s of target %s\n", kTag, prPath.c_str(),
-            targetName.c_str());
+    LogInfo("%s: Removed PR info file %s of target %s\n", kTag, prPath.c_str(), targetName.c_str());
   }
 }
 
@@ -199,8 +199,8 @@ int GenerateLunIdForTarget(const struct target* t) {
   }
   LogInfo("%s: generated lun ID %d\n", kTag, id);
   if (id >= MAX_LUNS) {
-    std::string message = "Can not add more than " + std::to_string(MAX_LUNS) +
-                          " LUNs to target " + (t->t_name != nullptr ? t->t_name : "");
+    std::string message = "Can not add more than " + std::to_string(MAX_LUNS) + " LUNs to target " +
+                          (t->t_name != nullptr ? t->t_name : "");
     LogError("%s: %s\n", kTag, message.c_str());
     throw OrsaCtlException(message);
   }
@@ -272,9 +272,8 @@ std::string GetLunPathById(const std::string& targetName, int id) {
 void GrowLunDisk(const std::string& path, uint64_t newSectors) {
   VirtDiskError err = VirtDisk_Grow(path.c_str(), newSectors);
   if (err != VIRTDISK_OK) {
-    throw OrsaCtlException("Failed to grow LUN disk " + path + " to " +
-                           std::to_string(newSectors) + " sectors with error: " +
-                           VirtDisk_Err2String(err));
+    throw OrsaCtlException("Failed to grow LUN disk " + path + " to " + std::to_string(newSectors) +
+                           " sectors with error: " + VirtDisk_Err2String(err));
   }
   // The reservation is a share of the capacity, so a larger disk needs more of it.
   std::string policyText;
@@ -290,8 +289,8 @@ uint64_t GetLunDiskSectors(const std::string& path) {
   VirtDiskInfo* info = nullptr;
   VirtDiskError err = VirtDisk_OpenWithInfo(path.c_str(), 0, &handle, &info);
   if (err != VIRTDISK_OK) {
-    throw OrsaCtlException("Failed to get capacity of LUN disk " + path + " with error: " +
-                           VirtDisk_Err2String(err));
+    throw OrsaCtlException("Failed to get capacity of LUN disk " + path +
+                           " with error: " + VirtDisk_Err2String(err));
   }
   uint64_t sectors = info->capacity;
   VirtDisk_FreeInfo(info);

@@ -41,7 +41,8 @@ void RemoveLun(int id, const std::string& relativePath, const std::string& targe
 
 // Removes the persistent-reservation file of the LUN disk `lunPath`; only logs on failure.
 void RemovePRFile(const std::string& targetName, const std::string& lunPath);
-// "/a/b/c.pemo" -> "/a/b/.c.pemo.pr"
+// "/a/b/c.pemo" -> "/a/b/.c.pemo.pr". The same rule as GetLunPRFilePath of directory/lun_paths.h,
+// which sits above this layer; unlike it, no length limit applies.
 std::string LunPRFilePath(const std::string& lunPath);
 
 // The lowest LUN id the target does not use; "Can not add more than 256 LUNs to target <name>"

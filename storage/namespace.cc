@@ -146,8 +146,8 @@ void DeleteTargetNamespace(const std::string& uuid) {
   }
   int err = fs.Unlink(link);
   if (err != 0 && err != ENOENT) {
-    throw OrsaCtlException("Util: Failed to remove target symlink: " + link + " with error: " +
-                           ErrnoText(err));
+    throw OrsaCtlException("Util: Failed to remove target symlink: " + link +
+                           " with error: " + ErrnoText(err));
   }
   try {
     DiskLunApi::DeleteNamespace(kel::platform::DatastorePath(), uuid, NewOperationId());

@@ -73,14 +73,12 @@ void SetDatastoreDefaultPolicy(const std::string& policy) {
     kel::platform::SetDatastoreDefaultPolicy(
         kel::platform::PolicyToText(kel::platform::ParsePolicy(policy)));
   } catch (const OrsaCtlException& e) {
-    throw OrsaCtlException("Failed to set datastore default policy with error: " +
-                           e.GetMessage());
+    throw OrsaCtlException("Failed to set datastore default policy with error: " + e.GetMessage());
   }
 }
 
-void GetPolicyComplianceStatusForObject(OrsaComplianceHandle* handle,
-                                        const std::string& objectUuid, std::string& policy,
-                                        bool& compliant, bool isNamespace) {
+void GetPolicyComplianceStatusForObject(OrsaComplianceHandle* handle, const std::string& objectUuid,
+                                        std::string& policy, bool& compliant, bool isNamespace) {
   RequireHandle(handle);
   kel::platform::Fs& fs = kel::platform::GetFs();
   const std::string datastore = kel::platform::DatastorePath();

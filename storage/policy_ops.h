@@ -29,9 +29,8 @@ void SetDatastoreDefaultPolicy(const std::string& policy);
 // Policy and compliance of the storage object `objectUuid`: a target namespace when `isNamespace`
 // is true, else a LUN disk (found as "<uuid>.pemo" in any namespace of the datastore). A missing
 // object gives an empty policy and false; so does an object whose stored policy is unreadable.
-void GetPolicyComplianceStatusForObject(OrsaComplianceHandle* handle,
-                                        const std::string& objectUuid, std::string& policy,
-                                        bool& compliant, bool isNamespace);
+void GetPolicyComplianceStatusForObject(OrsaComplianceHandle* handle, const std::string& objectUuid,
+                                        std::string& policy, bool& compliant, bool isNamespace);
 // Fills lun.storagePolicy and lun.policyCompliant for the disk at lun.path (absolute).
 void GetPolicyComplianceStatusForLun(OrsaComplianceHandle* handle,
                                      HostCtl::Orsa::IscsiTarget::LunInfo& lun);

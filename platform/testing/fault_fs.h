@@ -19,9 +19,25 @@ namespace testing {
 class FaultFs : public Fs {
  public:
   enum class Op {
-    kMakeDir, kRemoveDir, kRemoveTree, kSymlink, kReadLink, kLink, kRename, kUnlink, kLstat,
-    kStat, kRealPath, kListDir, kCreateFile, kWriteFileAtomic, kReadFile, kGetXattr, kSetXattr,
-    kFallocate, kTruncate,
+    kMakeDir,
+    kRemoveDir,
+    kRemoveTree,
+    kSymlink,
+    kReadLink,
+    kLink,
+    kRename,
+    kUnlink,
+    kLstat,
+    kStat,
+    kRealPath,
+    kListDir,
+    kCreateFile,
+    kWriteFileAtomic,
+    kReadFile,
+    kGetXattr,
+    kSetXattr,
+    kFallocate,
+    kTruncate,
   };
 
   // The next `times` calls of `op` whose (first) path contains `pathPart` fail with `err` without
@@ -49,8 +65,7 @@ class FaultFs : public Fs {
   int WriteFileAtomic(const std::string& path, const std::string& data, mode_t mode) override;
   int ReadFile(const std::string& path, std::string* data) override;
   int GetXattr(const std::string& path, const std::string& name, std::string* value) override;
-  int SetXattr(const std::string& path, const std::string& name,
-               const std::string& value) override;
+  int SetXattr(const std::string& path, const std::string& name, const std::string& value) override;
   int Fallocate(const std::string& path, uint64_t offset, uint64_t length) override;
   int Truncate(const std::string& path, uint64_t size) override;
 
@@ -65,9 +80,9 @@ class FaultFs : public Fs {
   int Check(Op op, const std::string& path);
 
   mutable std::mutex mu_;
-  std::vector<Fault> faults_;    // guarded by mu_
-  std::map<Op, int> calls_;      // guarded by mu_
-  bool noUserXattrs_ = false;    // guarded by mu_
+  std::vector<Fault> faults_;  // guarded by mu_
+  std::map<Op, int> calls_;    // guarded by mu_
+  bool noUserXattrs_ = false;  // guarded by mu_
 };
 
 // Installs a FaultFs for the life of the object.

@@ -63,9 +63,9 @@ TEST(Datastore, UnusableDatastoreOrMetadataIsReportedByPath) {
     DatastoreUuid();
     FAIL() << "corrupt metadata accepted";
   } catch (const OrsaCtlException& e) {
-    EXPECT_EQ("Datastore metadata " + ds.Join(kDatastoreMetaFile) +
-                  ": not a datastore metadata file",
-              e.GetMessage());
+    EXPECT_EQ(
+        "Datastore metadata " + ds.Join(kDatastoreMetaFile) + ": not a datastore metadata file",
+        e.GetMessage());
   }
   kel::testing::WriteFile(ds.Join(kDatastoreMetaFile), "{\"uuid\": \"nope\"}");
   EXPECT_THROW(DatastoreUuid(), OrsaCtlException);

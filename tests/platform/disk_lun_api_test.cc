@@ -102,9 +102,9 @@ TEST(DiskLunApiNamespace, RefusedCreationsLeaveNothingBehind) {
               MessageOf([&] { DiskLunApi::CreateNamespace(ds.path(), "y", "", 0, "op"); }));
     faulty.fs().SetNoUserXattrs(true);
     faulty.fs().FailNext(FaultFs::Op::kWriteFileAtomic, ENOSPC, 1, ".policy");
-    EXPECT_NE(std::string::npos,
-              MessageOf([&] { DiskLunApi::CreateNamespace(ds.path(), "z", "", 0, "op"); })
-                  .find("cannot store the policy (No space left on device)"));
+    EXPECT_NE(std::string::npos, MessageOf([&] {
+                                   DiskLunApi::CreateNamespace(ds.path(), "z", "", 0, "op");
+                                 }).find("cannot store the policy (No space left on device)"));
   }
   EXPECT_EQ(before, TreeDigest(ds.path()));
 }
@@ -120,9 +120,9 @@ TEST(DiskLunApiNamespace, PoliciesAreStoredCanonicallyWithTheDefaultForEmpty) {
 
   DiskLunApi::UpdateNamespace(ds.path(), b, "((\"proportionalCapacity\" i20))", "op");
   EXPECT_EQ("((\"proportionalCapacity\" i20))", StoredPolicy(ds.Join(b)));
-  EXPECT_NE(std::string::npos,
-            MessageOf([&] { DiskLunApi::UpdateNamespace(ds.path(), b, "((\"x\" i1))", "op"); })
-                .find("Invalid storage policy"));
+  EXPECT_NE(std::string::npos, MessageOf([&] {
+                                 DiskLunApi::UpdateNamespace(ds.path(), b, "((\"x\" i1))", "op");
+                               }).find("Invalid storage policy"));
   EXPECT_EQ("((\"proportionalCapacity\" i20))", StoredPolicy(ds.Join(b)));
   const std::string missing = "00000000-0000-4000-8000-000000000000";
   EXPECT_EQ("Failed to update namespace " + missing + ": No such file or directory",
@@ -148,9 +148,9 @@ TEST(DiskLunApiDisk, CreatesSparseDiskWithIdentityAndReservation) {
   EXPECT_EQ("Failed to create virtual disk " + ds.Join("busy.pemo") + ": File exists",
             MessageOf([&] { DiskLunApi::CreateVirtualDisk(ds.Join("busy.pemo"), 8, "", "op"); }));
   EXPECT_EQ("keep me", kel::testing::ReadFile(ds.Join("busy.pemo")));
-  EXPECT_EQ("Failed to create virtual disk " + ds.Join("z.pemo") +
-                ": the size must be greater than 0",
-            MessageOf([&] { DiskLunApi::CreateVirtualDisk(ds.Join("z.pemo"), 0, "", "op"); }));
+  EXPECT_EQ(
+      "Failed to create virtual disk " + ds.Join("z.pemo") + ": the size must be greater than 0",
+      MessageOf([&] { DiskLunApi::CreateVirtualDisk(ds.Join("z.pemo"), 0, "", "op"); }));
   EXPECT_FALSE(PathExists(ds.Join("z.pemo")));
 
   DiskLunApi::RemoveVirtualDisk(disk, "op");
@@ -165,14 +165,14 @@ TEST(DiskLunApiDisk, FailedCreationOrRemovalLeavesTheDatastoreAsItWas) {
   const std::string before = TreeDigest(ds.path());
   ScopedFaultFs faulty;
   faulty.fs().SetNoUserXattrs(true);
-  for (FaultFs::Op op : {FaultFs::Op::kTruncate, FaultFs::Op::kWriteFileAtomic,
-                         FaultFs::Op::kFallocate}) {
+  for (FaultFs::Op op :
+       {FaultFs::Op::kTruncate, FaultFs::Op::kWriteFileAtomic, FaultFs::Op::kFallocate}) {
     faulty.fs().FailNext(op, ENOSPC);
-    EXPECT_NE(std::string::npos,
-              MessageOf([&] {
-                DiskLunApi::CreateVirtualDisk(ds.Join("d.pemo"), 4096,
-                                              "((\"proportionalCapacity\" i100))", "op");
-              }).find("No space left on device"));
+    EXPECT_NE(std::string::npos, MessageOf([&] {
+                                   DiskLunApi::CreateVirtualDisk(
+                                       ds.Join("d.pemo"), 4096, "((\"proportionalCapacity\" i100))",
+                                       "op");
+                                 }).find("No space left on device"));
     EXPECT_EQ(before, TreeDigest(ds.path())) << static_cast<int>(op);
   }
   // Removal on a file system without xattrs also removes the sidecars.

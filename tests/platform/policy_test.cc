@@ -57,7 +57,8 @@ TEST(PolicyParser, AcceptsKnownRulesInAnySpacing) {
     // The canonical text reads back as the same policy.
     EXPECT_EQ(c.canonical, PolicyToText(ParsePolicy(PolicyToText(p)))) << c.text;
   }
-  StoragePolicy both = ParsePolicy("((\"proportionalCapacity\" i42) (\"locality\" \"NonPreferred\"))");
+  StoragePolicy both =
+      ParsePolicy("((\"proportionalCapacity\" i42) (\"locality\" \"NonPreferred\"))");
   EXPECT_TRUE(both.hasProportionalCapacity);
   EXPECT_EQ(42, both.proportionalCapacity);
   EXPECT_TRUE(both.hasLocality);
@@ -72,8 +73,10 @@ TEST(PolicyParser, RefusesMalformedTextNamingTheProblem) {
   const Case refused[] = {
       {"((\"stripeWidth\" i2))",
        "unknown rule \"stripeWidth\" (known rules: \"proportionalCapacity\", \"locality\")"},
-      {"((\"proportionalCapacity\" i101))", "proportionalCapacity must be between 0 and 100, not 101"},
-      {"((\"proportionalCapacity\" i-1))", "proportionalCapacity must be between 0 and 100, not -1"},
+      {"((\"proportionalCapacity\" i101))",
+       "proportionalCapacity must be between 0 and 100, not 101"},
+      {"((\"proportionalCapacity\" i-1))",
+       "proportionalCapacity must be between 0 and 100, not -1"},
       {"((\"proportionalCapacity\" i99999999999999999999))",
        "proportionalCapacity must be between 0 and 100, not 99999999999999999999"},
       {"((\"proportionalCapacity\" \"50\"))",
@@ -86,7 +89,8 @@ TEST(PolicyParser, RefusesMalformedTextNamingTheProblem) {
        "locality must be \"Preferred\", \"NonPreferred\" or \"None\", not \"Elsewhere\""},
       {"((\"locality\" \"preferred\"))",
        "locality must be \"Preferred\", \"NonPreferred\" or \"None\", not \"preferred\""},
-      {"((\"locality\" i1))", "rule \"locality\" needs a value in double quotes such as \"Preferred\""},
+      {"((\"locality\" i1))",
+       "rule \"locality\" needs a value in double quotes such as \"Preferred\""},
       {"((\"locality\" \"None\") (\"locality\" \"Preferred\"))", "duplicate rule \"locality\""},
       {"((\"proportionalCapacity\" i1) (\"proportionalCapacity\" i2))",
        "duplicate rule \"proportionalCapacity\""},
@@ -151,8 +155,8 @@ TEST(PolicyApply, ReservesTheProportionalCapacityOnly) {
       ApplyPolicyToObject(disk, ParsePolicy("((\"proportionalCapacity\" i90))"));
       FAIL() << "reservation failure ignored";
     } catch (const OrsaCtlException& e) {
-      EXPECT_NE(std::string::npos,
-                e.GetMessage().find("Failed to apply storage policy to " + disk + ": cannot reserve"));
+      EXPECT_NE(std::string::npos, e.GetMessage().find("Failed to apply storage policy to " + disk +
+                                                       ": cannot reserve"));
       EXPECT_NE(std::string::npos, e.GetMessage().find("No space left on device"));
     }
   }
@@ -222,7 +226,8 @@ TEST_F(ComplianceTest, LocalityFollowsTheSiteOfTheServingHost) {
   kel::testing::ScopedDatastore ds("Preferred");
   const std::string ns = ds.Join("ns-dir");
   ASSERT_EQ(0, mkdir(ns.c_str(), 0700));
-  ApplyPolicyToObject(ns, ParsePolicy("((\"locality\" \"Preferred\") (\"proportionalCapacity\" i100))"));
+  ApplyPolicyToObject(
+      ns, ParsePolicy("((\"locality\" \"Preferred\") (\"proportionalCapacity\" i100))"));
   // A namespace reserves nothing itself; without a resolver this host (site Preferred) serves it.
   EXPECT_TRUE(Check(ns).compliant);
 

@@ -24,7 +24,9 @@ using kel::testing::PathExists;
 VirtDiskError Probe(const std::string& path, uint32_t flags) {
   VirtDiskHandle* h = nullptr;
   VirtDiskError err = VirtDisk_OpenWithInfo(path.c_str(), flags, &h, nullptr);
-  if (err == VIRTDISK_OK) EXPECT_EQ(VIRTDISK_OK, VirtDisk_Close(h));
+  if (err == VIRTDISK_OK) {
+    EXPECT_EQ(VIRTDISK_OK, VirtDisk_Close(h));
+  }
   return err;
 }
 
@@ -58,10 +60,10 @@ TEST_F(VirtDiskTest, InfoShowsCapacityAllocationIdentityAndFormat) {
   kel::testing::WriteFile(ds_.Join("bare.pemo"), "");
   EXPECT_EQ(OBJSTORE_E_NO_ID, ObjStore_GetUniqueID(ds_.Join("bare.pemo").c_str(), uuid));
   EXPECT_STREQ("The object has no unique ID", ObjStore_Err2String(OBJSTORE_E_NO_ID));
-  EXPECT_EQ(VIRTDISK_E_BAD_PARAM,
-            VirtDisk_OpenWithInfo(disk_.c_str(),
-                                  VIRTDISK_OPEN_LOCK_SHARED | VIRTDISK_OPEN_LOCK_EXCLUSIVE, &h,
-                                  nullptr));
+  EXPECT_EQ(
+      VIRTDISK_E_BAD_PARAM,
+      VirtDisk_OpenWithInfo(disk_.c_str(), VIRTDISK_OPEN_LOCK_SHARED | VIRTDISK_OPEN_LOCK_EXCLUSIVE,
+                            &h, nullptr));
 }
 
 TEST_F(VirtDiskTest, ExclusiveProbeFailsWhileAnyoneServesTheDisk) {

@@ -121,8 +121,9 @@ TEST_F(LunDiskTest, CreatedDiskIsNamedAfterItsObject) {
   CreateLun("8", "t1", ds_.Join(target_), 8, "", path2, uuid2);
   EXPECT_EQ(target_ + "/" + uuid2 + ".pemo", path2);
 
-  EXPECT_EQ(0u, MessageOf([&] { GetObjectUuidForLun(ds_.Join("nothing.pemo")); })
-                    .find("Failed to get object UUID of LUN " + ds_.Join("nothing.pemo")));
+  EXPECT_EQ(0u, MessageOf([&] {
+                  GetObjectUuidForLun(ds_.Join("nothing.pemo"));
+                }).find("Failed to get object UUID of LUN " + ds_.Join("nothing.pemo")));
 }
 
 TEST_F(LunDiskTest, RenameThatWorksOnTheSecondAttemptLogsOneRetryAndSleepsOnce) {
@@ -143,8 +144,7 @@ TEST_F(LunDiskTest, RenameThatNeverWorksLeavesNoDisk) {
   ScopedFaultFs faulty;
   faulty.fs().FailNext(FaultFs::Op::kRename, EBUSY, -1, ".pemo");
   std::string path = "unset", uuid = "unset";
-  std::string message =
-      MessageOf([&] { CreateLun("3", "t1", target_, 2048, "", path, uuid); });
+  std::string message = MessageOf([&] { CreateLun("3", "t1", target_, 2048, "", path, uuid); });
   EXPECT_TRUE(std::regex_match(
       message, std::regex("Failed to rename LUN " + ds_.Join(target_) +
                           "/[0-9a-f-]{36}\\.pemo with error: Device or resource busy")))
@@ -164,8 +164,7 @@ TEST_F(LunDiskTest, RemovalWaitsForTheServingHostAndGivesUpAfter31Probes) {
   {
     kel::platform::ScopedFakeClock clock;
     SharedHolder serving(disk);
-    EXPECT_EQ("The disk is locked by another host",
-              MessageOf([&] { RemoveLun(1, rel, "t1"); }));
+    EXPECT_EQ("The disk is locked by another host", MessageOf([&] { RemoveLun(1, rel, "t1"); }));
     EXPECT_EQ(31u, log_.Count("Util: Can not remove LUN disk "));
     EXPECT_TRUE(log_.Contains("reason: The disk is locked by another host. Retrying... 30"));
     EXPECT_FALSE(log_.Contains("Retrying... 31"));
@@ -249,7 +248,8 @@ TEST_F(LunDiskTest, RemovalOfADiskWithoutFormatVersionWarnsAndProceeds) {
   ds_.SetOption("ORSA-iSCSI", "kelUseDomExclSession", 1);
   RemoveLun(4, rel, "t1");
   EXPECT_TRUE(log_.Contains("Util: Failed to get iscsi version for LUN: " + GetTargetsDirPath() +
-                            "/" + rel + ". Will try to use ZOFS lock and DOM exclusive session "
+                            "/" + rel +
+                            ". Will try to use ZOFS lock and DOM exclusive session "
                             "to detect LUN released by the owner."))
       << log_.Joined();
   EXPECT_FALSE(PathExists(ds_.Join(rel)));
@@ -280,8 +280,9 @@ TEST_F(LunDiskTest, GrowingKeepsThePolicyReservation) {
   GrowLunDisk(disk, 16384);
   EXPECT_EQ(16384u, GetLunDiskSectors(disk));
   EXPECT_GE(kel::testing::AllocatedBytes(disk), 16384u * 512u / 2);
-  EXPECT_EQ("Failed to grow LUN disk " + disk + " to 100 sectors with error: A virtual disk "
-            "cannot shrink",
+  EXPECT_EQ("Failed to grow LUN disk " + disk +
+                " to 100 sectors with error: A virtual disk "
+                "cannot shrink",
             MessageOf([&] { GrowLunDisk(disk, 100); }));
   EXPECT_EQ(16384u, GetLunDiskSectors(disk));
   EXPECT_EQ("Failed to get capacity of LUN disk " + ds_.Join("x") +
@@ -349,9 +350,13 @@ TEST_F(LunDiskTest, PathLookupReadsKelConf) {
                           "target iqn.2026-01.com.example:one {\n"
                           "  alias \"one\"\n"
                           "  portal-group default\n"
-                          "  lun 0 {\n    path " + target_ + "/a.pemo\n    size 2048\n  }\n"
-                          "  lun 5 {\n    path " + target_ + "/b.pemo\n    size 2048\n  }\n"
-                          "}\n");
+                          "  lun 0 {\n    path " +
+                              target_ +
+                              "/a.pemo\n    size 2048\n  }\n"
+                              "  lun 5 {\n    path " +
+                              target_ +
+                              "/b.pemo\n    size 2048\n  }\n"
+                              "}\n");
   EXPECT_EQ(target_ + "/b.pemo", GetLunPathById("one", 5));
   EXPECT_EQ(target_ + "/a.pemo", GetLunPathById("one", 0));
   EXPECT_EQ(target_ + "/a.pemo", GetLunPathById("IQN.2026-01.com.example:one", 0));

@@ -98,9 +98,10 @@ TEST_F(NamespaceTest, ConfigurationNamespaceIsCreatedOnceAndFoundByItsLink) {
   EXPECT_FALSE(PathExists(link));
   EXPECT_FALSE(PathExists(ds_.Join(uuid)));
   DeleteNamespaceDir();  // nothing there: nothing to do
-  EXPECT_EQ("Failed to update policy of Orsa iSCSI target namespace with error: Failed to get "
-            "KEL namespace UUID with status: Failure",
-            MessageOf([] { UpdateNamespacePolicy(""); }));
+  EXPECT_EQ(
+      "Failed to update policy of Orsa iSCSI target namespace with error: Failed to get "
+      "KEL namespace UUID with status: Failure",
+      MessageOf([] { UpdateNamespacePolicy(""); }));
 }
 
 TEST_F(NamespaceTest, NamespaceUuidLookupFailuresAreStatuses) {
@@ -114,13 +115,13 @@ TEST_F(NamespaceTest, NamespaceUuidLookupFailuresAreStatuses) {
 
   ASSERT_EQ(0, symlink("not-a-uuid", GetConfigNamespacePath().c_str()));
   EXPECT_EQ(NUK_FAILURE, KeldGetNamespaceUuid(raw));
-  EXPECT_TRUE(log_.Contains("KELD: KeldGetNamespaceUuid: Failed to convert KEL namespace UUID "
-                            "string not-a-uuid to ORSA object type."))
+  EXPECT_TRUE(
+      log_.Contains("KELD: KeldGetNamespaceUuid: Failed to convert KEL namespace UUID "
+                    "string not-a-uuid to ORSA object type."))
       << log_.Joined();
   // Only the first 36 bytes of the link are read.
   ASSERT_EQ(0, unlink(GetConfigNamespacePath().c_str()));
-  ASSERT_EQ(0, symlink("0f0e0d0c-0b0a-4909-8807-060504030201/x",
-                       GetConfigNamespacePath().c_str()));
+  ASSERT_EQ(0, symlink("0f0e0d0c-0b0a-4909-8807-060504030201/x", GetConfigNamespacePath().c_str()));
   EXPECT_EQ(NUK_OK, KeldGetNamespaceUuid(raw));
   EXPECT_EQ(0x0f, raw[0]);
   EXPECT_EQ(0x01, raw[15]);
@@ -213,8 +214,8 @@ TEST_F(NamespaceTest, LinkThatWorksOnTheSecondAttemptLogsOneRetryAndSleepsOnce) 
   EXPECT_EQ("../../" + uuid, LinkText(link));
   EXPECT_EQ(2, faulty.fs().Calls(FaultFs::Op::kSymlink));
   EXPECT_EQ(1u, log_.Count("retry to create target symlink"));
-  EXPECT_TRUE(log_.Contains("Util: 1th retry to create target symlink(" + link + "->../../" +
-                            uuid + ") due to Input/output error (5)"))
+  EXPECT_TRUE(log_.Contains("Util: 1th retry to create target symlink(" + link + "->../../" + uuid +
+                            ") due to Input/output error (5)"))
       << log_.Joined();
   ASSERT_EQ(1u, clock_.clock().Sleeps().size());
   EXPECT_EQ(std::chrono::milliseconds(1000), clock_.clock().Sleeps()[0]);

@@ -52,9 +52,10 @@ class PolicyOpsTest : public ::testing::Test {
 TEST_F(PolicyOpsTest, VerifyAndDatastoreDefault) {
   VerifyPolicy("");
   VerifyPolicy("((\"proportionalCapacity\" i10) (\"locality\" \"None\"))");
-  EXPECT_EQ("Invalid storage policy '((\"speed\" i1))': unknown rule \"speed\" (known rules: "
-            "\"proportionalCapacity\", \"locality\")",
-            MessageOf([] { VerifyPolicy("((\"speed\" i1))"); }));
+  EXPECT_EQ(
+      "Invalid storage policy '((\"speed\" i1))': unknown rule \"speed\" (known rules: "
+      "\"proportionalCapacity\", \"locality\")",
+      MessageOf([] { VerifyPolicy("((\"speed\" i1))"); }));
 
   EXPECT_EQ("", GetDatastoreDefaultPolicy());
   SetDatastoreDefaultPolicy(" ((\"proportionalCapacity\"  i30)) ");
@@ -100,9 +101,8 @@ TEST_F(PolicyOpsTest, ComplianceOfTargetNamespacesAndDisksByUuid) {
   EXPECT_EQ(target, asked);
 
   // Missing objects, and texts that are not UUIDs at all, are never compliant.
-  for (const std::string& id :
-       {std::string("00000000-0000-4000-8000-000000000000"), std::string("../etc"),
-        std::string("")}) {
+  for (const std::string& id : {std::string("00000000-0000-4000-8000-000000000000"),
+                                std::string("../etc"), std::string("")}) {
     for (bool isNamespace : {true, false}) {
       policy = "stale";
       compliant = true;
@@ -175,7 +175,8 @@ TEST_F(PolicyOpsTest, UpdateLunPolicyFindsTheDiskThroughKelConf) {
   kel::testing::WriteFile(GetConfFilePath(),
                           "target iqn.2026-01.com.example:t {\n  alias t\n"
                           "  portal-group default\n"
-                          "  lun 3 {\n    path " + path + "\n    size 4096\n  }\n}\n");
+                          "  lun 3 {\n    path " +
+                              path + "\n    size 4096\n  }\n}\n");
   LunInfo lun;
   lun.id = 3;
   lun.targetAlias = "t";
@@ -183,9 +184,10 @@ TEST_F(PolicyOpsTest, UpdateLunPolicyFindsTheDiskThroughKelConf) {
   UpdateLunPolicy(lun);
   EXPECT_GE(kel::testing::AllocatedBytes(ds_.Join(path)), 4096u * 512u);
   lun.id = 4;
-  EXPECT_EQ("Failed to update policy of LUN 4 on target t with error: Failed to find path for "
-            "LUN 4 on target t",
-            MessageOf([&] { UpdateLunPolicy(lun); }));
+  EXPECT_EQ(
+      "Failed to update policy of LUN 4 on target t with error: Failed to find path for "
+      "LUN 4 on target t",
+      MessageOf([&] { UpdateLunPolicy(lun); }));
 }
 
 TEST_F(PolicyOpsTest, NamespaceComplianceReportsItsPolicy) {
