@@ -82,6 +82,14 @@ bool IsNumericHost(const char* host) {
   return inet_pton(AF_INET, host, buf) == 1 || inet_pton(AF_INET6, host, buf) == 1;
 }
 
+bool IsPortNumber(const char* port) {
+  if (port[0] == '\0' || strlen(port) > 5) return false;
+  for (const char* p = port; *p != '\0'; p++) {
+    if (!isdigit(static_cast<unsigned char>(*p))) return false;
+  }
+  return atoi(port) <= 65535;
+}
+
 // Numeric hosts are resolved at once (no name service involved); interface and host names are
 // kept as text and only their port is checked. Returns false when the address is unusable.
 bool ResolveAddress(const char* host, const char* port, struct addrinfo** ai) {
@@ -91,10 +99,13 @@ bool ResolveAddress(const char* host, const char* port, struct addrinfo** ai) {
   hints.ai_family = PF_UNSPEC;
   hints.ai_socktype = SOCK_STREAM;
   hints.ai_flags = AI_PASSIVE;
+  bool numeric_port = IsPortNumber(port);
+  if (numeric_port) hints.ai_flags |= AI_NUMERICSERV;
   if (IsNumericHost(host)) {
     hints.ai_flags |= AI_NUMERICHOST;
     return getaddrinfo(host, port, &hints, ai) == 0;
   }
+  if (numeric_port) return true;
   struct addrinfo* probe = nullptr;
   if (getaddrinfo(nullptr, port, &hints, &probe) != 0) return false;
   freeaddrinfo(probe);

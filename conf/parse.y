@@ -115,7 +115,7 @@ struct auth_group* InlineAuthGroup(const char* what) {
 %define parse.error verbose
 
 %union {
-  char* str;
+  char* str;  // token text in the scanner's arena: valid until the load ends, never freed here
 }
 
 %token ALIAS AUTH_GROUP AUTH_TYPE BACKEND BLOCKSIZE CHAP CHAP_MUTUAL CLOSING_BRACKET CTL_LUN
@@ -125,7 +125,6 @@ struct auth_group* InlineAuthGroup(const char* what) {
 %token <str> STR
 %token TAG TARGET TIMEOUT INITIATOR_GROUP GENERATION
 
-%destructor { free($$); } <str>
 
 %%
 
@@ -155,7 +154,6 @@ generation: GENERATION STR
         {
           uint64_t n = 0;
           bool ok = ParseNumber($2, &n);
-          free($2);
           if (!ok) YYABORT;
           gConf->conf_generation = n;
         }
@@ -165,7 +163,6 @@ debug: DEBUG STR
         {
           uint64_t n = 0;
           bool ok = ParseNumber($2, &n);
-          free($2);
           if (!ok) YYABORT;
           gConf->conf_debug = static_cast<int>(n);
         }
@@ -175,7 +172,6 @@ timeout: TIMEOUT STR
         {
           uint64_t n = 0;
           bool ok = ParseNumber($2, &n);
-          free($2);
           if (!ok) YYABORT;
           gConf->conf_timeout = static_cast<int>(n);
         }
@@ -185,7 +181,6 @@ maxproc: MAXPROC STR
         {
           uint64_t n = 0;
           bool ok = ParseNumber($2, &n);
-          free($2);
           if (!ok) YYABORT;
           gConf->conf_maxproc = static_cast<int64_t>(n);
         }
@@ -194,8 +189,6 @@ maxproc: MAXPROC STR
 option: OPTION STR STR
         {
           bool ok = Guarded([&] { return conf_option_new(gConf, $2, $3) != nullptr; });
-          free($2);
-          free($3);
           if (!ok) YYABORT;
         }
         ;
@@ -203,7 +196,6 @@ option: OPTION STR STR
 isns_server: ISNS_SERVER STR
         {
           bool ok = Guarded([&] { return isns_new(gConf, $2) == 0; });
-          free($2);
           if (!ok) YYABORT;
         }
         ;
@@ -212,7 +204,6 @@ isns_period: ISNS_PERIOD STR
         {
           uint64_t n = 0;
           bool ok = ParseNumber($2, &n);
-          free($2);
           if (!ok) YYABORT;
           gConf->conf_isns_period = static_cast<int>(n);
         }
@@ -222,7 +213,6 @@ isns_timeout: ISNS_TIMEOUT STR
         {
           uint64_t n = 0;
           bool ok = ParseNumber($2, &n);
-          free($2);
           if (!ok) YYABORT;
           gConf->conf_isns_timeout = static_cast<int>(n);
         }
@@ -246,7 +236,6 @@ auth_group_name: STR
             }
             return gAuthGroup != nullptr;
           });
-          free($1);
           if (!ok) YYABORT;
         }
         ;
@@ -269,7 +258,6 @@ auth_group_entry:
 auth_group_auth_type: AUTH_TYPE STR
         {
           bool ok = Guarded([&] { return auth_group_set_type(gAuthGroup, $2) == 0; });
-          free($2);
           if (!ok) YYABORT;
         }
         ;
@@ -277,8 +265,6 @@ auth_group_auth_type: AUTH_TYPE STR
 auth_group_chap: CHAP STR STR
         {
           bool ok = Guarded([&] { return auth_new_chap(gAuthGroup, $2, $3, true) != nullptr; });
-          free($2);
-          free($3);
           if (!ok) YYABORT;
         }
         ;
@@ -288,10 +274,6 @@ auth_group_chap_mutual: CHAP_MUTUAL STR STR STR STR
           bool ok = Guarded([&] {
             return auth_new_chap_mutual(gAuthGroup, $2, $3, $4, $5, true) != nullptr;
           });
-          free($2);
-          free($3);
-          free($4);
-          free($5);
           if (!ok) YYABORT;
         }
         ;
@@ -299,7 +281,6 @@ auth_group_chap_mutual: CHAP_MUTUAL STR STR STR STR
 auth_group_initiator_name: INITIATOR_NAME STR
         {
           bool ok = Guarded([&] { return auth_name_new(gAuthGroup, $2) != nullptr; });
-          free($2);
           if (!ok) YYABORT;
         }
         ;
@@ -307,7 +288,6 @@ auth_group_initiator_name: INITIATOR_NAME STR
 auth_group_initiator_portal: INITIATOR_PORTAL STR
         {
           bool ok = Guarded([&] { return auth_portal_new(gAuthGroup, $2) != nullptr; });
-          free($2);
           if (!ok) YYABORT;
         }
         ;
@@ -322,7 +302,6 @@ auth_group_initiator_group: INITIATOR_GROUP STR
                       $2, gAuthGroup->ag_name, $2, gAuthGroup->ag_name);
             return false;
           });
-          free($2);
           if (!ok) YYABORT;
         }
         ;
@@ -345,7 +324,6 @@ portal_group_name: STR
             }
             return gPortalGroup != nullptr;
           });
-          free($1);
           if (!ok) YYABORT;
         }
         ;
@@ -382,7 +360,6 @@ portal_group_discovery_auth_group: DISCOVERY_AUTH_GROUP STR
               ok = false;
             }
           }
-          free($2);
           if (!ok) YYABORT;
         }
         ;
@@ -390,7 +367,6 @@ portal_group_discovery_auth_group: DISCOVERY_AUTH_GROUP STR
 portal_group_discovery_filter: DISCOVERY_FILTER STR
         {
           bool ok = portal_group_set_filter(gPortalGroup, $2) == 0;
-          free($2);
           if (!ok) YYABORT;
         }
         ;
@@ -404,7 +380,6 @@ portal_group_foreign: FOREIGN
 portal_group_listen: LISTEN STR
         {
           bool ok = Guarded([&] { return portal_group_add_listen(gPortalGroup, $2, false) == 0; });
-          free($2);
           if (!ok) YYABORT;
         }
         ;
@@ -412,7 +387,6 @@ portal_group_listen: LISTEN STR
 portal_group_listen_iser: LISTEN_ISER STR
         {
           bool ok = Guarded([&] { return portal_group_add_listen(gPortalGroup, $2, true) == 0; });
-          free($2);
           if (!ok) YYABORT;
         }
         ;
@@ -422,8 +396,6 @@ portal_group_option: OPTION STR STR
           bool ok = Guarded([&] {
             return option_new(&gPortalGroup->pg_options, $2, $3) != nullptr;
           });
-          free($2);
-          free($3);
           if (!ok) YYABORT;
         }
         ;
@@ -431,7 +403,6 @@ portal_group_option: OPTION STR STR
 portal_group_redirect: REDIRECT STR
         {
           bool ok = Guarded([&] { return portal_group_set_redirection(gPortalGroup, $2) == 0; });
-          free($2);
           if (!ok) YYABORT;
         }
         ;
@@ -440,7 +411,6 @@ portal_group_tag: TAG STR
         {
           uint64_t n = 0;
           bool ok = ParseNumber($2, &n);
-          free($2);
           if (!ok) YYABORT;
           gPortalGroup->pg_tag = static_cast<uint16_t>(n);
         }
@@ -459,7 +429,6 @@ initiator_group_name: STR
             gInitiatorGroup = initiator_group_new(gConf, $1);
             return gInitiatorGroup != nullptr;
           });
-          free($1);
           if (!ok) YYABORT;
         }
         ;
@@ -472,7 +441,6 @@ initiator_group_entries:
 initiator_group_entry: INITIATOR_NAME STR
         {
           bool ok = Guarded([&] { return initiator_new(gInitiatorGroup, $2) != nullptr; });
-          free($2);
           if (!ok) YYABORT;
         }
         ;
@@ -489,7 +457,6 @@ lun_name: STR
             gLun = lun_new(gConf, $1);
             return gLun != nullptr;
           });
-          free($1);
           if (!ok) YYABORT;
         }
         ;
@@ -506,7 +473,6 @@ target_name: STR
             gTarget = target_new(gConf, $1);
             return gTarget != nullptr;
           });
-          free($1);
           if (!ok) YYABORT;
         }
         ;
@@ -535,12 +501,15 @@ target_entry:
 
 target_alias: ALIAS STR
         {
-          if (gTarget->t_alias != nullptr) {
-            log_warnx("alias for target \"%s\" specified more than once", gTarget->t_name);
-            free($2);
-            YYABORT;
-          }
-          gTarget->t_alias = $2;
+          bool ok = Guarded([&] {
+            if (gTarget->t_alias != nullptr) {
+              log_warnx("alias for target \"%s\" specified more than once", gTarget->t_name);
+              return false;
+            }
+            gTarget->t_alias = checked_strdup($2);
+            return true;
+          });
+          if (!ok) YYABORT;
         }
         ;
 
@@ -561,7 +530,6 @@ target_auth_group: AUTH_GROUP STR
               ok = false;
             }
           }
-          free($2);
           if (!ok) YYABORT;
         }
         ;
@@ -572,7 +540,6 @@ target_auth_type: AUTH_TYPE STR
             struct auth_group* ag = InlineAuthGroup("auth-type");
             return ag != nullptr && auth_group_set_type(ag, $2) == 0;
           });
-          free($2);
           if (!ok) YYABORT;
         }
         ;
@@ -583,8 +550,6 @@ target_chap: CHAP STR STR
             struct auth_group* ag = InlineAuthGroup("chap");
             return ag != nullptr && auth_new_chap(ag, $2, $3, true) != nullptr;
           });
-          free($2);
-          free($3);
           if (!ok) YYABORT;
         }
         ;
@@ -595,10 +560,6 @@ target_chap_mutual: CHAP_MUTUAL STR STR STR STR
             struct auth_group* ag = InlineAuthGroup("chap-mutual");
             return ag != nullptr && auth_new_chap_mutual(ag, $2, $3, $4, $5, true) != nullptr;
           });
-          free($2);
-          free($3);
-          free($4);
-          free($5);
           if (!ok) YYABORT;
         }
         ;
@@ -609,7 +570,6 @@ target_initiator_name: INITIATOR_NAME STR
             struct auth_group* ag = InlineAuthGroup("initiator-name");
             return ag != nullptr && auth_name_new(ag, $2) != nullptr;
           });
-          free($2);
           if (!ok) YYABORT;
         }
         ;
@@ -620,7 +580,6 @@ target_initiator_portal: INITIATOR_PORTAL STR
             struct auth_group* ag = InlineAuthGroup("initiator-portal");
             return ag != nullptr && auth_portal_new(ag, $2) != nullptr;
           });
-          free($2);
           if (!ok) YYABORT;
         }
         ;
@@ -646,8 +605,6 @@ target_portal_group: PORTAL_GROUP STR STR
             port->p_auth_group = ag;
             return true;
           });
-          free($2);
-          free($3);
           if (!ok) YYABORT;
         }
         | PORTAL_GROUP STR
@@ -664,7 +621,6 @@ target_portal_group: PORTAL_GROUP STR STR
             }
             return true;
           });
-          free($2);
           if (!ok) YYABORT;
         }
         ;
@@ -689,7 +645,6 @@ target_port: PORT STR
             }
             return true;
           });
-          free($2);
           if (!ok) YYABORT;
         }
         ;
@@ -697,7 +652,6 @@ target_port: PORT STR
 target_redirect: REDIRECT STR
         {
           bool ok = Guarded([&] { return target_set_redirection(gTarget, $2) == 0; });
-          free($2);
           if (!ok) YYABORT;
         }
         ;
@@ -705,8 +659,6 @@ target_redirect: REDIRECT STR
 target_option: OPTION STR STR
         {
           bool ok = Guarded([&] { return target_option_new(gTarget, $2, $3) != nullptr; });
-          free($2);
-          free($3);
           if (!ok) YYABORT;
         }
         ;
@@ -731,7 +683,6 @@ target_lun_number: STR
             lun_set_keld_lun(gLun, number);
             return true;
           });
-          free($1);
           if (!ok) YYABORT;
         }
         ;
@@ -749,8 +700,6 @@ target_lun_ref: LUN STR STR
             gTarget->t_luns[number] = lun;
             return true;
           });
-          free($2);
-          free($3);
           if (!ok) YYABORT;
         }
         ;
@@ -783,7 +732,6 @@ lun_backend: BACKEND STR
             lun_set_backend(gLun, $2);
             return true;
           });
-          free($2);
           if (!ok) YYABORT;
         }
         ;
@@ -792,7 +740,6 @@ lun_blocksize: BLOCKSIZE STR
         {
           uint64_t n = 0;
           bool ok = ParseNumber($2, &n);
-          free($2);
           if (!ok) YYABORT;
           if (gLun->l_blocksize != 0) {
             log_warnx("blocksize for lun \"%s\" specified more than once", gLun->l_name);
@@ -812,7 +759,6 @@ lun_device_id: DEVICE_ID STR
             lun_set_device_id(gLun, $2);
             return true;
           });
-          free($2);
           if (!ok) YYABORT;
         }
         ;
@@ -821,7 +767,6 @@ lun_device_type: DEVICE_TYPE STR
         {
           int type = 0;
           bool ok = ParseDeviceType($2, &type);
-          free($2);
           if (!ok) YYABORT;
           lun_set_device_type(gLun, static_cast<uint8_t>(type));
         }
@@ -831,7 +776,6 @@ lun_ctl_lun: CTL_LUN STR
         {
           uint64_t n = 0;
           bool ok = ParseNumber($2, &n);
-          free($2);
           if (!ok) YYABORT;
           if (gLun->l_ctl_lun >= 0) {
             log_warnx("ctl_lun for lun \"%s\" specified more than once", gLun->l_name);
@@ -844,8 +788,6 @@ lun_ctl_lun: CTL_LUN STR
 lun_option: OPTION STR STR
         {
           bool ok = Guarded([&] { return option_new(&gLun->l_options, $2, $3) != nullptr; });
-          free($2);
-          free($3);
           if (!ok) YYABORT;
         }
         ;
@@ -860,7 +802,6 @@ lun_path: PATH STR
             lun_set_path(gLun, $2);
             return true;
           });
-          free($2);
           if (!ok) YYABORT;
         }
         ;
@@ -875,7 +816,6 @@ lun_serial: SERIAL STR
             lun_set_serial(gLun, $2);
             return true;
           });
-          free($2);
           if (!ok) YYABORT;
         }
         ;
@@ -884,7 +824,6 @@ lun_size: SIZE STR
         {
           uint64_t n = 0;
           bool ok = ParseNumber($2, &n);
-          free($2);
           if (!ok) YYABORT;
           if (gLun->l_size != 0) {
             log_warnx("size for lun \"%s\" specified more than once", gLun->l_name);
@@ -986,6 +925,7 @@ bool RunParser() {
   int error = keldParser_parse();
   ResetParserState();
   keldParser_lex_destroy();
+  KeldReleaseTokens();
   return error == 0;
 }
 
@@ -1046,6 +986,7 @@ struct conf* conf_new_from_file(int fd, const char* path, struct conf* oldconf) 
   }
   if (!ok || gPendingError) {
     ResetParserState();
+    KeldReleaseTokens();
     CloseStream();
     KeldCleanConf();
     if (gPendingError) {

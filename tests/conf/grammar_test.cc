@@ -444,6 +444,12 @@ TEST(ConfGrammar, SyntaxErrorsNameTheLineAndDumpTheFile) {
       {"initiator-group g { initiator a; }\n",
        "syntax error, unexpected SEMICOLON, expecting CLOSING_BRACKET or INITIATOR_NAME"},
       {"}\n", "syntax error, unexpected CLOSING_BRACKET"},
+      // A quote without its mate is a token of its own and scanning goes on after it.
+      {Target("alias \"abc"), "near 'abc': syntax error, unexpected STR"},
+      // So is a carriage return that does not end a line.
+      {"generation 1 \r timeout 5\n",
+       "error in configuration file at line 1 near '\r': syntax error, unexpected STR"},
+      {"\n\r\n\t\n generation 1 \r\n\r", "at line 5 near '\r': syntax error, unexpected STR"},
       // A comma is a token of its own: the value is "a", then "," is one token too many.
       {Target("option k a,b"), "near ',': syntax error, unexpected STR"},
   });
