@@ -1,0 +1,67 @@
+// Site affinity checks: whether a target may be pinned to a site of a stretched cluster, and
+// whether a target's site agrees with its storage policy's locality.
+//
+// A stretched cluster spreads its hosts over two fault domains (sites), "Preferred" and
+// "NonPreferred". A target pinned to a site (`affinitySite`) must be served from that site, so its
+// storage policy must not ask for the other site's locality.
+//
+// Every check logs with the tag "Util" and throws HostCtl::Lib::Orsa::OrsaCtlException with the
+// system's message; none of them changes anything. Moving a target whose owner is outside its
+// site is not done here (the control thread's periodic check does that).
+//
+// Thread-safety: all functions may run concurrently.
+#pragma once
+
+#include <string>
+
+#include "platform/policy.h"
+#include "service/records.h"
+
+namespace NukCtl {
+namespace Orsa {
+namespace IscsiTarget {
+namespace Util {
+
+// The on-disk format version of every host of this build. Linux hosts share one format, which
+// carries everything the service's format baselines ask for (11 for load balancing, 13 for site
+// affinity).
+inline constexpr int kKelDiskFormatVersion = 13;
+
+// Logs "Retrieve current DiskVersinInCluster: <v>, baseVersion: <base>." and answers whether the
+// cluster's disk format version is at least `baseVersion`.
+bool KelCheckDiskFormatVersion(int baseVersion);
+
+// True when the live members of the cluster (witnesses left out) span two or more sites. A
+// directory that cannot be read answers false (logged).
+bool IsInStretchedCluster();
+
+// Returns true, or throws the first failing rule: the feature switch "KelStretchedCluster" (host
+// option group "ORSA") must be on, the host must be in a stretched cluster, and the disk format
+// baseline 13 must be met.
+bool ValidateSiteAffinity();
+
+// True when a policy whose locality is `policyText`'s may serve a target pinned to `site`:
+// "Preferred" locality conflicts with the "NonPreferred" site and vice versa; no locality, the
+// locality "None", an empty site or the site "None" never conflict. Throws the policy layer's
+// message for a policy text that does not parse.
+bool IsPolicyLocalityCompatible(const std::string& site, const std::string& policyText);
+
+// A new target: when both its site and its policy are given, they must agree, else
+// "Incompatible between Target location and policy locality". Either empty: nothing is checked.
+void VerifyNewTargetAffinity(const HostCtl::Orsa::IscsiTarget::TargetCreateParam& param);
+
+// An update of `current` with `param` (update semantics: an empty site or policy keeps the
+// current one, the site "None" clears it):
+//   - pinning the target to a site it is not pinned to yet needs ValidateSiteAffinity();
+//   - the resulting site and the resulting policy must agree (the message above). The current
+//     policy of the target's namespace object is read through `handle` only when the update does
+//     not bring a policy of its own; without a handle it is not read, and only a given policy is
+//     checked.
+void VerifyUpdateTargetAffinity(OrsaComplianceHandle* handle,
+                                const HostCtl::Orsa::IscsiTarget::TargetCreateParam& param,
+                                const HostCtl::Orsa::IscsiTarget::TargetInfo& current);
+
+}  // namespace Util
+}  // namespace IscsiTarget
+}  // namespace Orsa
+}  // namespace NukCtl

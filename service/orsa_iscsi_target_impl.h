@@ -1,0 +1,140 @@
+// The service object: the one implementation of the management interface.
+//
+// Ownership: GetOrsaIscsiTarget() (service/orsa_async_plugin.h) hands out a new object per call,
+// owned by the caller; GetOrsaIscsiTargetImpl() hands out the process-wide instance, created on
+// first use and kept until the process (or the plug-in) goes away. Every object keeps its own
+// library state (virtual-disk library, compliance handle) and undoes it in its destructor.
+//
+// Thread-safety: every operation may be called from any thread at any time. Operations take the
+// process-wide locks of service/service_locks.h in the order serviceLock, then libLock:
+//   configuration operations       serviceLock shared (LUN/target ops) or none (groups, defaults)
+//   state checks (CheckIscsiServiceStatus, Restore)          libLock upgrade
+//   GetIscsiTargetStatus(true)                               libLock shared
+//   CreateNamespace, GetNamespaceInternal                    serviceLock shared, libLock upgrade
+//   SetIscsiTargetStatus, the destructor                     serviceLock exclusive, libLock upgrade
+// so configuration edits run side by side (kel.conf's own lock serialises them) while enabling,
+// disabling and destruction wait for all of them.
+//
+// Failures: every failure crosses the interface as HostCtl::Lib::Orsa::OrsaCtlException; what a
+// failed operation leaves behind is stated at each operation in the .cc files (in short: nothing,
+// except where a step on shared storage cannot be undone, which is logged).
+#pragma once
+
+#include <boost/thread/shared_mutex.hpp>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "platform/policy.h"
+#include "service/orsa_iscsi_target.h"
+
+namespace NukCtl {
+namespace Orsa {
+namespace IscsiTarget {
+
+class OrsaIscsiTargetImpl : public virtual HostCtl::Orsa::IscsiTarget::OrsaIscsiTarget {
+ public:
+  using TargetCreateParam = HostCtl::Orsa::IscsiTarget::TargetCreateParam;
+  using TargetInfo = HostCtl::Orsa::IscsiTarget::TargetInfo;
+  using LunInfo = HostCtl::Orsa::IscsiTarget::LunInfo;
+  using DefaultInfo = HostCtl::Orsa::IscsiTarget::DefaultInfo;
+  using NamespaceCreateParam = HostCtl::Orsa::IscsiTarget::NamespaceCreateParam;
+  using NamespaceInfo = HostCtl::Orsa::IscsiTarget::NamespaceInfo;
+  using InitiatorgroupInfo = HostCtl::Orsa::IscsiTarget::InitiatorgroupInfo;
+
+  // Never throws: an unreadable NAA option or service state is logged and the object stays usable.
+  OrsaIscsiTargetImpl();
+  ~OrsaIscsiTargetImpl() override;
+  OrsaIscsiTargetImpl(const OrsaIscsiTargetImpl&) = delete;
+  OrsaIscsiTargetImpl& operator=(const OrsaIscsiTargetImpl&) = delete;
+
+  // The process-wide instance, created on first use under _singletonMutex.
+  static void GetOrsaIscsiTargetImpl(std::shared_ptr<OrsaIscsiTargetImpl>& out);
+
+  // Re-publishes the configuration's directory entry when it is known to be missing. Never throws.
+  static void KelCheckConfigLodexEntry();
+  // The host option "kelNukNicCtlEnable" of "ORSA-iSCSI" (0 when absent or unreadable).
+  static int64_t KelGetNukNicCtlFlag();
+
+  // --- Service state (service/service_status.cc) ---
+  void SetIscsiTargetStatus(bool enable, bool failIfUnchanged) override;
+  bool GetIscsiTargetStatus(bool locked) override;
+  void CheckIscsiServiceStatus(bool allowDisabled) override;
+  void Restore() override;
+  void Refresh() override;
+  void LoadConfig() override;
+  DefaultInfo GetDefaultInfo() override;
+  void UpdateDefaultConfig(const DefaultInfo& info) override;
+
+  // --- Targets (service/target_ops.cc) ---
+  void AddTarget(TargetCreateParam& param) override;
+  void UpdateTargetConfig(TargetCreateParam& param) override;
+  void RemoveTarget(const std::string& alias) override;
+  std::vector<TargetInfo> GetTargetsInternal() override;
+  TargetInfo GetTargetInfo(const std::string& alias) override;
+  std::vector<TargetInfo> GetTargets(bool skipCompliance, bool localOnly) override;
+  void TransferTargetsOwner(std::vector<TargetInfo>& targets, int retries) override;
+  void TransferLocalTargets(int retries) override;
+
+  // --- LUNs (service/lun_ops.cc) ---
+  void AddLun(LunInfo& lun) override;
+  void RemoveLun(unsigned int id, const std::string& targetAlias, bool forceRemove) override;
+  void UpdateLun(LunInfo& lun, int newId, const std::string& newTarget, bool locked) override;
+  void GetLuns(std::string targetAlias, std::vector<LunInfo>& out, bool withCompliance) override;
+  LunInfo GetLunInfo(const std::string& targetAlias, int id) override;
+
+  // --- Initiator groups and the namespace (service/group_namespace_ops.cc) ---
+  void AddInitiatorgroup(const std::string& name) override;
+  void RemoveInitiatorgroup(const std::string& name, bool force) override;
+  std::vector<InitiatorgroupInfo> GetInitiatorgroups() override;
+  InitiatorgroupInfo GetInitiatorgroupInfo(const std::string& name) override;
+  void AddInitiatorsToInitiatorgroup(const std::string& name,
+                                     const std::vector<std::string>& initiators) override;
+  void RemoveInitiatorsFromInitiatorgroup(const std::string& name,
+                                          const std::vector<std::string>& initiators) override;
+  void CreateNamespace(const NamespaceCreateParam& param, const DefaultInfo& defaults) override;
+  void UpdateNamespaceConfig(const NamespaceCreateParam& param) override;
+  void DeleteNamespace() override;
+  NamespaceInfo GetNamespaceInternal() override;
+  // With `withDetails`, also the namespace's path on this host's datastore mount.
+  NamespaceInfo GetNamespaceInfo(bool withDetails) override;
+
+  // Test-only views of the per-object library state.
+  bool VirtualDiskReadyForTest() const { return virtualDiskReady; }
+  bool ComplianceReadyForTest() const { return complianceHandle != nullptr; }
+  bool LunNaaEnabledForTest() const { return lunNaaEnabled; }
+
+ private:
+  // Lazy library set-up and tear-down. Callers hold libLock in upgrade or exclusive mode; the
+  // held lock is passed so that one definition serves both and the requirement shows at the call.
+  template <class HeldLock>
+  void InitVirtualDiskLib(HeldLock& held);
+  template <class HeldLock>
+  void InitComplianceLib(HeldLock& held);
+  template <class HeldLock>
+  void DeinitLibs(HeldLock& held);
+
+  // The body of UpdateLun once its locks (if any) are held.
+  void UpdateLunLocked(LunInfo& lun, int newId, const std::string& newTarget);
+  // Steps of UpdateTargetConfig and RemoveTarget that run inside one exclusive ConfHandle.
+  void ApplyTargetUpdate(TargetCreateParam& param, const TargetInfo& current);
+
+  bool enabled = false;           // cached service state; refreshed by Util::LoadConfig
+  bool virtualDiskReady = false;  // this object initialised the virtual-disk library
+  bool lunNaaEnabled = false;     // new LUNs get NAA identifiers; read once at construction
+  OrsaComplianceHandle* complianceHandle = nullptr;  // null until the compliance lib is up
+
+  static std::shared_ptr<OrsaIscsiTargetImpl> _singleton;  // guarded by _singletonMutex
+  static boost::shared_mutex _singletonMutex;
+};
+
+// Makes sure this process holds the configuration entry's directory subscription; a failure is
+// logged ("Failed to subscribe LODEX : ...") and swallowed.
+void _CheckKelConfigSubscription();
+// Drops the subscription; a failure is logged ("Failed to unsubscribe LODEX : ...") and swallowed.
+void _UnsubscribeKelConfig();
+
+}  // namespace IscsiTarget
+}  // namespace Orsa
+}  // namespace NukCtl
