@@ -59,12 +59,27 @@ class Etcd {
     int peer = FreePort();
     std::string client = Endpoint();
     std::string peerUrl = "http://127.0.0.1:" + std::to_string(peer);
-    std::vector<std::string> args = {"etcd", "--name", "bench", "--data-dir", dataDir,
-                                     "--listen-client-urls", client, "--advertise-client-urls",
-                                     client, "--listen-peer-urls", peerUrl,
-                                     "--initial-advertise-peer-urls", peerUrl, "--initial-cluster",
-                                     "bench=" + peerUrl, "--heartbeat-interval", "10",
-                                     "--election-timeout", "100", "--log-level", "error"};
+    std::vector<std::string> args = {"etcd",
+                                     "--name",
+                                     "bench",
+                                     "--data-dir",
+                                     dataDir,
+                                     "--listen-client-urls",
+                                     client,
+                                     "--advertise-client-urls",
+                                     client,
+                                     "--listen-peer-urls",
+                                     peerUrl,
+                                     "--initial-advertise-peer-urls",
+                                     peerUrl,
+                                     "--initial-cluster",
+                                     "bench=" + peerUrl,
+                                     "--heartbeat-interval",
+                                     "10",
+                                     "--election-timeout",
+                                     "100",
+                                     "--log-level",
+                                     "error"};
     pid_ = fork();
     if (pid_ == 0) {
       std::vector<char*> argv;

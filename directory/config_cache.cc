@@ -24,10 +24,10 @@ namespace {
 const char* kTag = "KelConfigCache";
 
 std::shared_mutex gKelConfigCacheLock;
-struct conf* gKelConfig = nullptr;               // guarded by gKelConfigCacheLock
-std::atomic<bool> gKelConfDirty{false};          // written under the lock
-std::atomic<bool> gIsLodexSubscribed{false};     // written under the lock
-void* gLodexSubscribeInstance = nullptr;         // guarded by gKelConfigCacheLock
+struct conf* gKelConfig = nullptr;                  // guarded by gKelConfigCacheLock
+std::atomic<bool> gKelConfDirty{false};             // written under the lock
+std::atomic<bool> gIsLodexSubscribed{false};        // written under the lock
+void* gLodexSubscribeInstance = nullptr;            // guarded by gKelConfigCacheLock
 std::atomic<bool> gKelConfLodexEntryExists{false};  // written under the lock
 // Mirror of gKelConfig's generation (all ones without a model), readable without the lock.
 std::atomic<uint64_t> gCachedGeneration{UINT64_MAX};
@@ -105,7 +105,9 @@ void _UpdateKelConfWithLock(struct conf* newConf, struct conf** slot) {
   SetKelConfDirty(false);
 }
 
-struct conf** CachedConfSlotForTest() { return &gKelConfig; }
+struct conf** CachedConfSlotForTest() {
+  return &gKelConfig;
+}
 
 void SubscribeLodex() {
   std::unique_lock<std::shared_mutex> lock(gKelConfigCacheLock);
@@ -115,8 +117,7 @@ void SubscribeLodex() {
   NUK_ReturnStatus st = KeldLodexSubscribeToConfigEntry(UpdateKelConfigCacheAPI, &handle);
   if (st != NUK_OK) {
     throw HostCtl::Lib::Orsa::OrsaCtlException(
-        std::string("Failed to subscribe LODEX KEL config entry: ") +
-        NUK_ReturnStatusToString(st));
+        std::string("Failed to subscribe LODEX KEL config entry: ") + NUK_ReturnStatusToString(st));
   }
   // The handle is recorded here so that unsubscribing cancels the directory watch.
   gLodexSubscribeInstance = handle;

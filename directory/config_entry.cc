@@ -23,10 +23,12 @@ namespace {
 std::atomic<KeldConfigChangeCb> gConfigChangeCallback{nullptr};
 
 const Marshal_FieldDesc kConfigFields[] = {
-    {"protocolVersion", MARSHAL_FIELD_UINT32, offsetof(LodexOrsaIscsiTargetConfig, protocolVersion)},
+    {"protocolVersion", MARSHAL_FIELD_UINT32,
+     offsetof(LodexOrsaIscsiTargetConfig, protocolVersion)},
     {"configNamespaceUuid", MARSHAL_FIELD_UUID,
      offsetof(LodexOrsaIscsiTargetConfig, configNamespaceUuid)},
-    {"configGenNumber", MARSHAL_FIELD_UINT64, offsetof(LodexOrsaIscsiTargetConfig, configGenNumber)},
+    {"configGenNumber", MARSHAL_FIELD_UINT64,
+     offsetof(LodexOrsaIscsiTargetConfig, configGenNumber)},
 };
 
 const Marshal_StructDesc kConfigDesc = {"LodexOrsaIscsiTargetConfig",
@@ -121,8 +123,7 @@ NUK_ReturnStatus KeldGetConfigGenNumInLodex(uint64_t* gen) {
     log_warn("Failed to unmarshal KEL conf entry entry: %s", NUK_ReturnStatusToString(st));
   } else {
     *gen = static_cast<LodexOrsaIscsiTargetConfig*>(structure)->configGenNumber;
-    Marshal_DeallocStructure(allocator, KeldConfigEntryDescription(), kConfigStructName,
-                             structure);
+    Marshal_DeallocStructure(allocator, KeldConfigEntryDescription(), kConfigStructName, structure);
   }
   LODEX_FreeEntry(allocator, entry);
   return st;
@@ -140,8 +141,8 @@ NUK_ReturnStatus KeldUpdateLodexEntryForConfig(uint64_t gen) {
   config.configGenNumber = gen;
   uint8_t buffer[KELD_LODEX_CONFIG_MAX_LEN];
   uint32_t length = sizeof(buffer);
-  st = Marshal_MshSingleStructure(KeldConfigEntryDescription(), kConfigStructName, &config,
-                                  &length, buffer);
+  st = Marshal_MshSingleStructure(KeldConfigEntryDescription(), kConfigStructName, &config, &length,
+                                  buffer);
   if (st != NUK_OK) {
     log_warnx("Failed to marshal LODEX KEL Config entry: %s", NUK_ReturnStatusToString(st));
     return st;
@@ -270,9 +271,9 @@ NUK_ReturnStatus KeldLodexConfUpdateCb(void* query, const LODEX_Entry* entry, in
   }
 
   void* structure = nullptr;
-  NUK_ReturnStatus umsh = Marshal_UmshSingleStructure(allocator, KeldConfigEntryDescription(),
-                                                      full->data, full->header.dataLen,
-                                                      kConfigStructName, &structure);
+  NUK_ReturnStatus umsh =
+      Marshal_UmshSingleStructure(allocator, KeldConfigEntryDescription(), full->data,
+                                  full->header.dataLen, kConfigStructName, &structure);
   LODEX_FreeEntry(allocator, full);
   if (umsh != NUK_OK) {
     log_warnx("Can't unmarshal KEL config entry from LODEX");

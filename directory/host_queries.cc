@@ -112,8 +112,8 @@ bool WaitForNodeDecomComplete(int maxWaitSeconds) {
     }
     if (state != kel::platform::kDecomInProgress) return true;
     if (waited >= maxWaitSeconds) {
-      LogWarning("%s: Node %s decommission still in progress after %d seconds", kTag,
-                 self.c_str(), waited);
+      LogWarning("%s: Node %s decommission still in progress after %d seconds", kTag, self.c_str(),
+                 waited);
       return false;
     }
     kel::platform::SleepMs(1000);
@@ -155,8 +155,7 @@ void SetObjectOwner(const std::string& objectUuid, const std::string& hostUuid) 
     if (st != NUK_OK && st != NUK_NOT_FOUND) {
       Fail("Failed to set the owner of object " + objectUuid, st);
     }
-    st = dir->CompareAndSwapObjectOwner(objectUuid, st == NUK_OK ? current.revision : 0,
-                                        hostUuid);
+    st = dir->CompareAndSwapObjectOwner(objectUuid, st == NUK_OK ? current.revision : 0, hostUuid);
     if (st == NUK_OK) return;
     if (st != NUK_BUSY) Fail("Failed to set the owner of object " + objectUuid, st);
   }
@@ -225,8 +224,8 @@ int ClaimOrphanedObjects() {
       st = dir->CompareAndSwapObjectOwner(kv.first, kv.second.revision, self);
       if (st == NUK_OK) {
         ++claimed;
-        LogInfo("%s: Claimed orphaned target object %s of departed host %s", kTag,
-                kv.first.c_str(), kv.second.hostUuid.c_str());
+        LogInfo("%s: Claimed orphaned target object %s of departed host %s", kTag, kv.first.c_str(),
+                kv.second.hostUuid.c_str());
       } else {
         LogInfo("%s: Orphaned target object %s not claimed (%s)", kTag, kv.first.c_str(),
                 NUK_ReturnStatusToString(st));

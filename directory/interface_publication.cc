@@ -22,9 +22,9 @@ const Marshal_FieldDesc kInterfaceFields[] = {
     {"v6", MARSHAL_FIELD_IPV6, offsetof(LodexOrsaIscsiInterfaceMap, v6)},
 };
 
-const Marshal_StructDesc kInterfaceDesc = {
-    "LodexOrsaIscsiInterfaceMap", sizeof(LodexOrsaIscsiInterfaceMap), kInterfaceFields,
-    sizeof(kInterfaceFields) / sizeof(kInterfaceFields[0])};
+const Marshal_StructDesc kInterfaceDesc = {"LodexOrsaIscsiInterfaceMap",
+                                           sizeof(LodexOrsaIscsiInterfaceMap), kInterfaceFields,
+                                           sizeof(kInterfaceFields) / sizeof(kInterfaceFields[0])};
 
 const char kInterfaceStructName[] = "LodexOrsaIscsiInterfaceMap";
 const char* kTag = "Util";
@@ -107,8 +107,7 @@ NUK_ReturnStatus KeldLodexGetInterfaceAddress(const char* name, const uint8_t* h
     log_debugx("Retrieved IPv6 address %s", v6Text);
     any = true;
   }
-  Marshal_DeallocStructure(allocator, KeldInterfaceEntryDescription(), kInterfaceStructName,
-                           found);
+  Marshal_DeallocStructure(allocator, KeldInterfaceEntryDescription(), kInterfaceStructName, found);
   if (!any) {
     log_warnx("Failed to fetch target interface %s address for host %s", name,
               UuidText(hostUuid).c_str());
@@ -135,7 +134,8 @@ namespace Util {
 
 KelNetLodexEntry::KelNetLodexEntry() = default;
 
-KelNetLodexEntry::KelNetLodexEntry(const std::string& name, uint32_t v4Addr, const uint8_t v6Addr[16])
+KelNetLodexEntry::KelNetLodexEntry(const std::string& name, uint32_t v4Addr,
+                                   const uint8_t v6Addr[16])
     : interfaceName(name), v4(v4Addr) {
   memcpy(v6, v6Addr, 16);
 }
@@ -151,8 +151,7 @@ bool KelNetLodexEntry::operator==(const KelNetLodexEntry& other) const {
 }
 
 bool KelNetLodexEntry::DeepEqual(const KelNetLodexEntry& other) const {
-  return interfaceName == other.interfaceName && v4 == other.v4 &&
-         memcmp(v6, other.v6, 16) == 0;
+  return interfaceName == other.interfaceName && v4 == other.v4 && memcmp(v6, other.v6, 16) == 0;
 }
 
 LodexOrsaIscsiInterfaceMap KelNetLodexEntry::GetLodexOrsaIscsiInterfaceMap() const {

@@ -3,7 +3,6 @@
 #include <uuid/uuid.h>
 
 #include <cstring>
-
 #include <nlohmann/json.hpp>
 
 #include "platform/directory_embedded.h"
@@ -338,7 +337,7 @@ std::shared_ptr<Directory> OpenDirectory(const HostConfig& config, DirectoryRole
 namespace {
 
 std::mutex gDirectoryMutex;
-std::shared_ptr<Directory> gDirectory;            // guarded by gDirectoryMutex
+std::shared_ptr<Directory> gDirectory;                  // guarded by gDirectoryMutex
 DirectoryRole gDirectoryRole = DirectoryRole::kClient;  // guarded by gDirectoryMutex
 
 }  // namespace

@@ -220,8 +220,8 @@ class NotificationHub {
     Directory::SubscriptionId id = 0;
     DirQuery query;
     Directory::NotifyFn fn;
-    bool cancelled = false;     // guarded by mu_
-    bool endPending = false;    // guarded by mu_: ended call owed by the notification thread
+    bool cancelled = false;   // guarded by mu_
+    bool endPending = false;  // guarded by mu_: ended call owed by the notification thread
   };
   using SubPtr = std::shared_ptr<Subscription>;
   struct Event {

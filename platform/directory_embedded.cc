@@ -12,9 +12,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <set>
-
 #include <nlohmann/json.hpp>
+#include <set>
 
 #include "platform/exception.h"
 
@@ -170,8 +169,8 @@ EmbeddedDirectory::EmbeddedDirectory(const HostConfig& config)
                                                "'");
   }
   selfText_ = DirUuidToText(self_);
-  for (const std::string& dir : {config.stateDir, root_, root_ + "/entries", root_ + "/hosts",
-                                 root_ + "/owners"}) {
+  for (const std::string& dir :
+       {config.stateDir, root_, root_ + "/entries", root_ + "/hosts", root_ + "/owners"}) {
     NUK_ReturnStatus st = MakeDir(dir);
     if (st != NUK_OK) {
       throw HostCtl::Lib::Orsa::OrsaCtlException("Directory: cannot create " + dir + ": " +

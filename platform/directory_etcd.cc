@@ -269,8 +269,7 @@ NUK_ReturnStatus EtcdDirectory::Delete(const DirUuid& uuid, uint8_t type) {
   return deleted == 0 ? NUK_NOT_FOUND : NUK_OK;
 }
 
-NUK_ReturnStatus EtcdDirectory::Subscribe(const DirQuery& query, NotifyFn fn,
-                                          SubscriptionId* id) {
+NUK_ReturnStatus EtcdDirectory::Subscribe(const DirQuery& query, NotifyFn fn, SubscriptionId* id) {
   if (!fn || id == nullptr) return NUK_BAD_PARAM;
   NUK_ReturnStatus st = StartWatch();
   if (st != NUK_OK) return st;
@@ -380,26 +379,31 @@ void EtcdDirectory::WatchLoop() {
                    {"start_revision", std::to_string(watchRevision_)}};
     bool compacted = false;
     bool created = false;
-    NUK_ReturnStatus st = stream_.Run(endpoints[endpoint % endpoints.size()], create,
-                                      [&](const json& message) {
-      auto result = message.find("result");
-      if (result == message.end() || !result->is_object()) return false;  // gateway error
-      if (result->value("canceled", false)) {
-        compacted = EtcdClient::JsonInt(*result, "compact_revision") > 0;
-        return false;
-      }
-      if (result->value("created", false)) {
-        created = true;
-        backoffMs = 100;
-      }
-      auto events = result->find("events");
-      if (events != result->end() && events->is_array()) {
-        for (const json& ev : *events) HandleWatchEvent(ev);
-      }
-      return true;
-    });
+    NUK_ReturnStatus st =
+        stream_.Run(endpoints[endpoint % endpoints.size()], create, [&](const json& message) {
+          auto result = message.find("result");
+          if (result == message.end() || !result->is_object()) return false;  // gateway error
+          if (result->value("canceled", false)) {
+            compacted = EtcdClient::JsonInt(*result, "compact_revision") > 0;
+            return false;
+          }
+          if (result->value("created", false)) {
+            created = true;
+            backoffMs = 100;
+            std::lock_guard<std::mutex> guard(stopMu_);
+            watchConnected_ = true;
+            stopCv_.notify_all();
+          }
+          auto events = result->find("events");
+          if (events != result->end() && events->is_array()) {
+            for (const json& ev : *events) HandleWatchEvent(ev);
+          }
+          return true;
+        });
     {
       std::unique_lock<std::mutex> lock(stopMu_);
+      watchConnected_ = false;
+      stopCv_.notify_all();
       stopCv_.wait(lock, [this] { return stopping_ || !watchPaused_; });
       if (stopping_) return;
     }
@@ -424,7 +428,12 @@ void EtcdDirectory::WatchLoop() {
   }
 }
 
-void EtcdDirectory::CutWatchStreamForTest() { stream_.Cancel(); }
+void EtcdDirectory::CutWatchStreamForTest() {
+  std::unique_lock<std::mutex> lock(stopMu_);
+  stopCv_.wait_for(lock, std::chrono::seconds(5), [this] { return stopping_ || watchConnected_; });
+  stream_.Cancel();
+  stopCv_.wait_for(lock, std::chrono::seconds(5), [this] { return stopping_ || !watchConnected_; });
+}
 
 void EtcdDirectory::SetWatchPausedForTest(bool paused) {
   std::lock_guard<std::mutex> guard(stopMu_);

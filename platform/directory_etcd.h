@@ -69,7 +69,8 @@ class EtcdDirectory : public Directory {
 
   // Test-only: stop sending keepalives (the lease then expires as if the process hung).
   void SuspendKeepAliveForTest(bool suspend);
-  // Test-only: drop the watch connection; the stream resumes as after a network failure.
+  // Test-only: drop the watch connection once it is established and return when it is down; the
+  // stream then resumes as after a network failure.
   void CutWatchStreamForTest();
   // Test-only: while paused, a dropped watch stream is not reconnected.
   void SetWatchPausedForTest(bool paused);
@@ -79,8 +80,12 @@ class EtcdDirectory : public Directory {
  private:
   std::string EntryKey(const DirUuid& uuid, uint8_t type) const;
   std::string EntriesPrefix() const { return prefix_ + "/entries/"; }
-  std::string MemberKey(const std::string& uuidText) const { return prefix_ + "/hosts/" + uuidText; }
-  std::string OwnerKey(const std::string& uuidText) const { return prefix_ + "/owners/" + uuidText; }
+  std::string MemberKey(const std::string& uuidText) const {
+    return prefix_ + "/hosts/" + uuidText;
+  }
+  std::string OwnerKey(const std::string& uuidText) const {
+    return prefix_ + "/owners/" + uuidText;
+  }
   bool EntryFromKeyValue(const EtcdClient::KeyValue& kv, DirEntry* out) const;
 
   NUK_ReturnStatus AcquireLease();
@@ -105,8 +110,8 @@ class EtcdDirectory : public Directory {
   DirectoryRole role_;
 
   mutable std::mutex leaseMu_;
-  int64_t lease_ = 0;        // guarded by leaseMu_
-  bool ownLease_ = false;    // guarded by leaseMu_: granted (or adopted, for the agent) here
+  int64_t lease_ = 0;      // guarded by leaseMu_
+  bool ownLease_ = false;  // guarded by leaseMu_: granted (or adopted, for the agent) here
   std::map<std::string, std::string> written_;  // key -> value put by this process; leaseMu_
   std::function<void()> membershipLost_;        // guarded by leaseMu_
   bool membershipLostReported_ = false;         // guarded by leaseMu_
@@ -114,14 +119,15 @@ class EtcdDirectory : public Directory {
 
   std::mutex stopMu_;
   std::condition_variable stopCv_;
-  bool stopping_ = false;      // guarded by stopMu_
-  bool watchPaused_ = false;   // guarded by stopMu_
+  bool stopping_ = false;        // guarded by stopMu_
+  bool watchPaused_ = false;     // guarded by stopMu_
+  bool watchConnected_ = false;  // guarded by stopMu_: the stream is created and running
   std::thread keepAlive_;
 
   std::mutex watchMu_;
-  bool watchStarted_ = false;                         // guarded by watchMu_
-  int64_t watchRevision_ = 0;                         // next revision to watch from; watch thread
-  std::map<std::string, DirEntry> snapshot_;          // key -> last seen entry; watch thread
+  bool watchStarted_ = false;                 // guarded by watchMu_
+  int64_t watchRevision_ = 0;                 // next revision to watch from; watch thread
+  std::map<std::string, DirEntry> snapshot_;  // key -> last seen entry; watch thread
   EtcdWatchStream stream_;
   std::thread watcher_;
   std::atomic<int> compactionResyncs_{0};

@@ -39,13 +39,17 @@ std::string UnB64(const json& object, const char* key) {
 NUK_ReturnStatus StatusFromGateway(long http, const json& reply) {
   int64_t code = EtcdClient::JsonInt(reply, "code");
   switch (code) {
-    case 3: return NUK_BAD_PARAM;
-    case 4: return NUK_TIMEOUT;
-    case 5: return NUK_NOT_FOUND;
+    case 3:
+      return NUK_BAD_PARAM;
+    case 4:
+      return NUK_TIMEOUT;
+    case 5:
+      return NUK_NOT_FOUND;
     case 2:   // the put of a cluster without quorum
     case 14:  // unavailable
       return NUK_DIRECTORY_NOT_RUNNING;
-    default: break;
+    default:
+      break;
   }
   return http >= 500 ? NUK_DIRECTORY_NOT_RUNNING : NUK_FAILURE;
 }
@@ -176,8 +180,7 @@ NUK_ReturnStatus EtcdClient::Call(const std::string& path, const json& body, jso
   return status;
 }
 
-NUK_ReturnStatus EtcdClient::Put(const std::string& key, const std::string& value,
-                                 int64_t lease) {
+NUK_ReturnStatus EtcdClient::Put(const std::string& key, const std::string& value, int64_t lease) {
   json body = {{"key", B64(key)}, {"value", B64(value)}};
   if (lease != 0) body["lease"] = std::to_string(lease);
   return Call("/v3/kv/put", body, nullptr);

@@ -10,8 +10,8 @@
 #include "platform/exception.h"
 #include "platform/log.h"
 
-using kel::platform::DirEntry;
 using kel::platform::Directory;
+using kel::platform::DirEntry;
 using kel::platform::DirQuery;
 using kel::platform::DirUuid;
 
@@ -179,8 +179,7 @@ NUK_ReturnStatus LODEX_FindFullEntryByHeader(const LODEX_EntryHeader* header, in
 }
 
 NUK_ReturnStatus LODEX_FindAllEntriesByQuery(const LODEX_Query* query, int,
-                                             Marshal_Allocator* allocator,
-                                             LODEX_EntryList** list) {
+                                             Marshal_Allocator* allocator, LODEX_EntryList** list) {
   if (query == nullptr || list == nullptr) return NUK_BAD_PARAM;
   auto dir = OpenDir();
   if (!dir) return NUK_DIRECTORY_NOT_RUNNING;
@@ -227,8 +226,7 @@ void LODEX_FreeEntryList(Marshal_Allocator* allocator, LODEX_EntryList* list) {
   Marshal_Free(allocator, list);
 }
 
-NUK_ReturnStatus LODEX_UpdateEntry(const LODEX_Entry* entry, LODEX_CompletionCb cb,
-                                   void* context) {
+NUK_ReturnStatus LODEX_UpdateEntry(const LODEX_Entry* entry, LODEX_CompletionCb cb, void* context) {
   if (entry == nullptr) return NUK_BAD_PARAM;
   auto dir = OpenDir();
   if (!dir) return NUK_DIRECTORY_NOT_RUNNING;
@@ -267,8 +265,7 @@ NUK_ReturnStatus LODEX_Subscribe(LODEX_Query* query, LODEX_NotifyCb cb, void* co
     }
     LODEX_Entry* entry = ToLodexEntry(nullptr, *e);
     if (entry == nullptr) return;
-    cb(context, entry, static_cast<int>(sizeof(LODEX_EntryHeader) + entry->header.dataLen),
-       status);
+    cb(context, entry, static_cast<int>(sizeof(LODEX_EntryHeader) + entry->header.dataLen), status);
     LODEX_FreeEntry(nullptr, entry);
   };
   Directory::SubscriptionId id = 0;

@@ -2,7 +2,8 @@
 // (platform/directory.h).
 //
 // Records:
-//   - LODEX_EntryHeader: uuid, owner host, type byte (all 8 bits are the type), health, data length.
+//   - LODEX_EntryHeader: uuid, owner host, type byte (all 8 bits are the type), health, data
+//   length.
 //   - LODEX_Entry: a header followed by its data in one allocation (`data` points just past the
 //     header). Entries returned by the Find functions are allocated through the marshalling
 //     allocator passed in and are freed with LODEX_FreeEntry through the same allocator.
@@ -10,7 +11,8 @@
 //     flags is the entry type; the bits above say which fields must match:
 //       LODEX_MATCH_UUID 0x100, LODEX_MATCH_OWNER 0x200, LODEX_MATCH_TYPE 0x400, and
 //       LODEX_MATCH_NOTIFY 0x800 marking a subscription. So 0x525 reads the entry of type 0x25 with
-//       the query's UUID, 0xd25 subscribes to it, and 0x626 finds the type 0x26 entries of one owner.
+//       the query's UUID, 0xd25 subscribes to it, and 0x626 finds the type 0x26 entries of one
+//       owner.
 //     A query record fits in 64 bytes.
 //
 // Statuses are the platform's (platform/status.h). A directory that cannot be opened answers
@@ -69,8 +71,7 @@ typedef NUK_ReturnStatus (*LODEX_NotifyCb)(void* context, const LODEX_Entry* ent
                                            NUK_ReturnStatus status);
 
 // Builds a query (zero-filled) with `flags` and, where given, the uuid and owner to match.
-void LODEX_InitQuery(LODEX_Query* query, uint16_t flags, const uint8_t* uuid,
-                     const uint8_t* owner);
+void LODEX_InitQuery(LODEX_Query* query, uint16_t flags, const uint8_t* uuid, const uint8_t* owner);
 
 // Opens the process's directory (so a caller learns early that it is not reachable).
 NUK_ReturnStatus LODEX_Initialize(int flag, int reserved, LODEX_Handle* handle);
@@ -97,8 +98,7 @@ void LODEX_FreeEntryList(Marshal_Allocator* allocator, LODEX_EntryList* list);
 
 // Creates or replaces the entry (a zero owner means this host). Returns at once; `cb` gets the
 // outcome. When the call itself fails, `cb` is not called.
-NUK_ReturnStatus LODEX_UpdateEntry(const LODEX_Entry* entry, LODEX_CompletionCb cb,
-                                   void* context);
+NUK_ReturnStatus LODEX_UpdateEntry(const LODEX_Entry* entry, LODEX_CompletionCb cb, void* context);
 NUK_ReturnStatus LODEX_DeleteEntry(const LODEX_EntryHeader* header);
 
 // Watches the entries matching `query`; (`query`, `cb`, `context`) identify the subscription for

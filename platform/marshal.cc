@@ -8,9 +8,8 @@
 #include <limits>
 #include <map>
 #include <mutex>
-#include <string>
-
 #include <nlohmann/json.hpp>
+#include <string>
 
 using json = nlohmann::json;
 
@@ -35,16 +34,26 @@ const Marshal_StructDesc* Lookup(const Marshal_Description* description, const c
 
 size_t FieldSize(Marshal_FieldType type) {
   switch (type) {
-    case MARSHAL_FIELD_UINT8: return 1;
-    case MARSHAL_FIELD_UINT16: return 2;
-    case MARSHAL_FIELD_UINT32: return 4;
-    case MARSHAL_FIELD_UINT64: return 8;
-    case MARSHAL_FIELD_INT32: return 4;
-    case MARSHAL_FIELD_INT64: return 8;
-    case MARSHAL_FIELD_UUID: return 16;
-    case MARSHAL_FIELD_IPV4: return 4;
-    case MARSHAL_FIELD_IPV6: return 16;
-    case MARSHAL_FIELD_STRING: return sizeof(char*);
+    case MARSHAL_FIELD_UINT8:
+      return 1;
+    case MARSHAL_FIELD_UINT16:
+      return 2;
+    case MARSHAL_FIELD_UINT32:
+      return 4;
+    case MARSHAL_FIELD_UINT64:
+      return 8;
+    case MARSHAL_FIELD_INT32:
+      return 4;
+    case MARSHAL_FIELD_INT64:
+      return 8;
+    case MARSHAL_FIELD_UUID:
+      return 16;
+    case MARSHAL_FIELD_IPV4:
+      return 4;
+    case MARSHAL_FIELD_IPV6:
+      return 16;
+    case MARSHAL_FIELD_STRING:
+      return sizeof(char*);
   }
   return 0;
 }
@@ -64,12 +73,18 @@ void Write(void* structure, size_t offset, T value) {
 json EncodeField(const Marshal_FieldDesc& f, const void* s) {
   const uint8_t* base = static_cast<const uint8_t*>(s) + f.offset;
   switch (f.type) {
-    case MARSHAL_FIELD_UINT8: return Read<uint8_t>(s, f.offset);
-    case MARSHAL_FIELD_UINT16: return Read<uint16_t>(s, f.offset);
-    case MARSHAL_FIELD_UINT32: return Read<uint32_t>(s, f.offset);
-    case MARSHAL_FIELD_UINT64: return Read<uint64_t>(s, f.offset);
-    case MARSHAL_FIELD_INT32: return Read<int32_t>(s, f.offset);
-    case MARSHAL_FIELD_INT64: return Read<int64_t>(s, f.offset);
+    case MARSHAL_FIELD_UINT8:
+      return Read<uint8_t>(s, f.offset);
+    case MARSHAL_FIELD_UINT16:
+      return Read<uint16_t>(s, f.offset);
+    case MARSHAL_FIELD_UINT32:
+      return Read<uint32_t>(s, f.offset);
+    case MARSHAL_FIELD_UINT64:
+      return Read<uint64_t>(s, f.offset);
+    case MARSHAL_FIELD_INT32:
+      return Read<int32_t>(s, f.offset);
+    case MARSHAL_FIELD_INT64:
+      return Read<int64_t>(s, f.offset);
     case MARSHAL_FIELD_UUID: {
       char text[37];
       uuid_unparse_lower(base, text);
@@ -121,12 +136,18 @@ bool DecodeInteger(const json& v, void* s, size_t offset) {
 bool DecodeField(Marshal_Allocator* allocator, const Marshal_FieldDesc& f, const json& v, void* s) {
   uint8_t* base = static_cast<uint8_t*>(s) + f.offset;
   switch (f.type) {
-    case MARSHAL_FIELD_UINT8: return DecodeInteger<uint8_t>(v, s, f.offset);
-    case MARSHAL_FIELD_UINT16: return DecodeInteger<uint16_t>(v, s, f.offset);
-    case MARSHAL_FIELD_UINT32: return DecodeInteger<uint32_t>(v, s, f.offset);
-    case MARSHAL_FIELD_UINT64: return DecodeInteger<uint64_t>(v, s, f.offset);
-    case MARSHAL_FIELD_INT32: return DecodeInteger<int32_t>(v, s, f.offset);
-    case MARSHAL_FIELD_INT64: return DecodeInteger<int64_t>(v, s, f.offset);
+    case MARSHAL_FIELD_UINT8:
+      return DecodeInteger<uint8_t>(v, s, f.offset);
+    case MARSHAL_FIELD_UINT16:
+      return DecodeInteger<uint16_t>(v, s, f.offset);
+    case MARSHAL_FIELD_UINT32:
+      return DecodeInteger<uint32_t>(v, s, f.offset);
+    case MARSHAL_FIELD_UINT64:
+      return DecodeInteger<uint64_t>(v, s, f.offset);
+    case MARSHAL_FIELD_INT32:
+      return DecodeInteger<int32_t>(v, s, f.offset);
+    case MARSHAL_FIELD_INT64:
+      return DecodeInteger<int64_t>(v, s, f.offset);
     case MARSHAL_FIELD_UUID:
       return v.is_string() && uuid_parse(v.get<std::string>().c_str(), base) == 0;
     case MARSHAL_FIELD_IPV4:
@@ -209,8 +230,8 @@ NUK_ReturnStatus Marshal_MshSingleStructure(const Marshal_Description* descripti
 
 NUK_ReturnStatus Marshal_UmshSingleStructure(Marshal_Allocator* allocator,
                                              const Marshal_Description* description,
-                                             const uint8_t* data, uint32_t length,
-                                             const char* name, void** structure) {
+                                             const uint8_t* data, uint32_t length, const char* name,
+                                             void** structure) {
   if (structure == nullptr || (data == nullptr && length != 0)) return NUK_BAD_PARAM;
   const Marshal_StructDesc* desc = Lookup(description, name);
   if (desc == nullptr) return NUK_NOT_FOUND;

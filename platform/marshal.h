@@ -12,8 +12,9 @@
 // newer writer can add fields.
 //
 // Memory: unmarshalled structures (and their string fields) are allocated through the allocator
-// given, and freed with Marshal_DeallocStructure through the same allocator. Marshal_DefaultAllocator
-// uses malloc/free. Description sets are thread-safe for concurrent use once registration is done.
+// given, and freed with Marshal_DeallocStructure through the same allocator.
+// Marshal_DefaultAllocator uses malloc/free. Description sets are thread-safe for concurrent use
+// once registration is done.
 #pragma once
 
 #include <cstddef>
@@ -79,8 +80,8 @@ NUK_ReturnStatus Marshal_MshSingleStructure(const Marshal_Description* descripti
 // `allocator` (*structure is set only on success). NUK_BAD_PARAM for malformed data.
 NUK_ReturnStatus Marshal_UmshSingleStructure(Marshal_Allocator* allocator,
                                              const Marshal_Description* description,
-                                             const uint8_t* data, uint32_t length,
-                                             const char* name, void** structure);
+                                             const uint8_t* data, uint32_t length, const char* name,
+                                             void** structure);
 
 // Frees a structure made by Marshal_UmshSingleStructure, string fields included. Null is a no-op.
 void Marshal_DeallocStructure(Marshal_Allocator* allocator, const Marshal_Description* description,

@@ -1,9 +1,9 @@
 #include "directory/config_cache.h"
 
+#include <gtest/gtest.h>
+
 #include <chrono>
 #include <thread>
-
-#include <gtest/gtest.h>
 
 #include "conf/conf.h"
 #include "directory/config_entry.h"

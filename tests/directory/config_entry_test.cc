@@ -1,5 +1,7 @@
 #include "directory/config_entry.h"
 
+#include <gtest/gtest.h>
+
 #include <chrono>
 #include <condition_variable>
 #include <cstdlib>
@@ -7,8 +9,6 @@
 #include <mutex>
 #include <thread>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "conf/conf_backup.h"
 #include "conf/conf_handle.h"
@@ -114,10 +114,10 @@ TEST_F(ConfigEntryTest, PublishesReadsAndAddsOnlyWhenMissing) {
   ASSERT_EQ(entries.size(), 1u);
   EXPECT_EQ(entries[0].owner, kel::platform::GetDirectory()->SelfUuid());
   void* s = nullptr;
-  ASSERT_EQ(Marshal_UmshSingleStructure(
-                Marshal_DefaultAllocator(), KeldConfigEntryDescription(),
-                reinterpret_cast<const uint8_t*>(entries[0].data.data()),
-                static_cast<uint32_t>(entries[0].data.size()), "LodexOrsaIscsiTargetConfig", &s),
+  ASSERT_EQ(Marshal_UmshSingleStructure(Marshal_DefaultAllocator(), KeldConfigEntryDescription(),
+                                        reinterpret_cast<const uint8_t*>(entries[0].data.data()),
+                                        static_cast<uint32_t>(entries[0].data.size()),
+                                        "LodexOrsaIscsiTargetConfig", &s),
             NUK_OK);
   auto* config = static_cast<LodexOrsaIscsiTargetConfig*>(s);
   EXPECT_EQ(config->protocolVersion, 1u);
@@ -141,7 +141,8 @@ TEST_F(ConfigEntryTest, ChangeActionPublishesWarnsOnExistsAndThrowsOtherwise) {
   kel::platform::SetDirectoryForTest(fake);
   fake->SetUpdateResult(NUK_EXISTS);
   EXPECT_EQ(KeldUpdateLodexEntryForConfig(4), NUK_EXISTS);
-  EXPECT_TRUE(capture.Contains("KELD: Successfully updated LODEX KEL config entry: Already exists"));
+  EXPECT_TRUE(
+      capture.Contains("KELD: Successfully updated LODEX KEL config entry: Already exists"));
   EXPECT_NO_THROW(Util::DoActionForConfigChange(4));
   EXPECT_TRUE(capture.Contains(
       "Util: Update KEL conf entry into LODEX with config genration number 4 failed with "
@@ -194,7 +195,8 @@ TEST_F(ConfigEntryTest, SubscriptionAppliesOnlyNewerGenerationsUntilUnsubscribed
   ASSERT_EQ(KeldUpdateLodexEntryForConfig(7), NUK_OK);
   ASSERT_EQ(KeldUpdateLodexEntryForConfig(8), NUK_OK);
   ASSERT_TRUE(forwarded_.WaitCount(2));
-  EXPECT_TRUE(capture.Contains("KELD: Ignoring config generation 7 because generation 7 already applied"));
+  EXPECT_TRUE(
+      capture.Contains("KELD: Ignoring config generation 7 because generation 7 already applied"));
   EXPECT_TRUE(capture.Contains("KELD: Applying config generation 8"));
   EXPECT_EQ(forwarded_.Count(), 2u) << "generation 7 twice is forwarded once";
 
@@ -224,12 +226,14 @@ TEST_F(ConfigEntryTest, CallbackBranchesForwardAsTheStatusRequires) {
   EXPECT_EQ(KeldLodexConfUpdateCb(query, nullptr, -1, NUK_ENTRY_CHANGED), NUK_OK);
   EXPECT_TRUE(capture.Contains("Config entry doesn't exist, waiting for it to get published"));
   EXPECT_EQ(forwarded_.Count(), 0u);
-  EXPECT_TRUE(capture.Contains("KeldLodexConfUpdateCb: Config entry callback, len:-1/-1, "
-                               "status:0x0BAD002F (Entry changed)"));
+  EXPECT_TRUE(
+      capture.Contains("KeldLodexConfUpdateCb: Config entry callback, len:-1/-1, "
+                       "status:0x0BAD002F (Entry changed)"));
 
   // Unexpected statuses are forwarded and returned.
   EXPECT_EQ(KeldLodexConfUpdateCb(query, nullptr, -1, NUK_TIMEOUT), NUK_TIMEOUT);
-  EXPECT_TRUE(capture.Contains("Unexpected config entry callback with status 0x0BAD0009 (Timeout)"));
+  EXPECT_TRUE(
+      capture.Contains("Unexpected config entry callback with status 0x0BAD0009 (Timeout)"));
   EXPECT_EQ(forwarded_.Count(), 1u);
 
   // An entry that cannot be unmarshalled still makes the cache stale.
@@ -291,7 +295,8 @@ TEST_F(ConfigEntryTest, BackupIsMadeOnlyInTheAgentAndOnlyForNewerGenerations) {
   // No cache reads as all ones, which is larger: the copy step itself then skips.
   EXPECT_TRUE(Util::IsBackupConfNeeded());
   Util::BackupConfigFile();
-  EXPECT_TRUE(capture.Contains("Util: backup kel.conf gen: 2, global kel.conf gen: 2, skip backup"));
+  EXPECT_TRUE(
+      capture.Contains("Util: backup kel.conf gen: 2, global kel.conf gen: 2, skip backup"));
 
   // A cache at the backed-up generation needs no backup; a newer one does.
   ConfigCache::GetTargetsInfos();

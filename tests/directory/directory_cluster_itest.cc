@@ -1,6 +1,7 @@
 // Several hosts (or several processes of one host) sharing one directory: configuration changes
 // reaching another process's cache, a dead host's lease taking its entries with it, orphaned
 // objects being claimed once, and two transfers of one object racing on a real etcd.
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -11,8 +12,6 @@
 #include <mutex>
 #include <sstream>
 #include <thread>
-
-#include <gtest/gtest.h>
 
 #include "directory/config_cache.h"
 #include "directory/config_entry.h"
@@ -138,11 +137,9 @@ class ClusterTest : public ::testing::Test {
     Util::DoActionForConfigChange(1);
 
     kel::testing::ChildProcess child;
-    ASSERT_TRUE(child.Start({"/proc/self/exe", "--gtest_filter=DirectoryClusterChild.*"},
-                            tmp.Join("child.log"),
-                            {{"KEL_CONFIG", configFile},
-                             {"KEL_CHILD_OUT", report},
-                             {"KEL_CHILD_EXPECT", "3"}}));
+    ASSERT_TRUE(child.Start(
+        {"/proc/self/exe", "--gtest_filter=DirectoryClusterChild.*"}, tmp.Join("child.log"),
+        {{"KEL_CONFIG", configFile}, {"KEL_CHILD_OUT", report}, {"KEL_CHILD_EXPECT", "3"}}));
     ASSERT_TRUE(WaitForLine(report, "ready t1")) << kel::testing::ReadFile(tmp.Join("child.log"));
 
     env.WriteConf(2, {"t1", "t2"});
@@ -298,7 +295,8 @@ class BarrierOnOwnerRead : public Directory {
   NUK_ReturnStatus DeleteObjectOwner(const std::string& o) override {
     return inner_->DeleteObjectOwner(o);
   }
-  NUK_ReturnStatus ListObjectOwners(std::map<std::string, kel::platform::ObjectOwner>* out) override {
+  NUK_ReturnStatus ListObjectOwners(
+      std::map<std::string, kel::platform::ObjectOwner>* out) override {
     return inner_->ListObjectOwners(out);
   }
 

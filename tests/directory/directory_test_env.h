@@ -76,8 +76,8 @@ class DirTestEnv {
   }
 
   void WriteConf(uint64_t generation, const std::vector<std::string>& aliases) {
-    WriteFile(NukCtl::Orsa::IscsiTarget::Util::GetConfFilePath(),
-              ConfText(generation, aliases), 0600);
+    WriteFile(NukCtl::Orsa::IscsiTarget::Util::GetConfFilePath(), ConfText(generation, aliases),
+              0600);
   }
 
   const platform::HostConfig& config() const { return config_; }

@@ -1,10 +1,10 @@
 #include "directory/host_queries.h"
 
+#include <gtest/gtest.h>
+
 #include <condition_variable>
 #include <mutex>
 #include <thread>
-
-#include <gtest/gtest.h>
 
 #include "platform/clock.h"
 #include "platform/exception.h"
@@ -118,8 +118,8 @@ TEST_F(HostQueriesTest, TransferIsACompareAndSwapThatOnlyOneOfTwoRacersWins) {
 
   LogCapture capture;
   EXPECT_TRUE(Util::TransferObjectByUuid(object, b));
-  EXPECT_TRUE(capture.Contains("Util: Move local target Object (" + object + ") to dest Node (" +
-                               b + ")"));
+  EXPECT_TRUE(
+      capture.Contains("Util: Move local target Object (" + object + ") to dest Node (" + b + ")"));
   EXPECT_EQ(Owner(object), b);
   EXPECT_FALSE(Util::TransferObjectByUuid(object, down));
   EXPECT_TRUE(capture.Contains("Util: Failed to transfer target uuid " + object +

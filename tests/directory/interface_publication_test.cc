@@ -1,12 +1,11 @@
 #include "directory/interface_publication.h"
 
 #include <arpa/inet.h>
+#include <gtest/gtest.h>
 
 #include <cstring>
 #include <map>
 #include <string>
-
-#include <gtest/gtest.h>
 
 #include "platform/exception.h"
 #include "platform/log.h"
@@ -53,7 +52,8 @@ TEST_F(InterfacePublicationTest, EntriesKeepTheirUuidWhileTheirInterfaceExists) 
   SetInterfaces({{"nuk0", {"127.0.0.11", ""}}, {"nuk1", {"127.0.0.12", "fd00::12"}}});
   Util::PublishNukNicsToLodex();
   EXPECT_TRUE(capture.Contains("Util: Start to publish nuknics to lodex"));
-  EXPECT_TRUE(capture.Contains("Util: Successfully updated LODEX interface entry for nuk nic nuk1"));
+  EXPECT_TRUE(
+      capture.Contains("Util: Successfully updated LODEX interface entry for nuk nic nuk1"));
   auto first = PublishedByName();
   ASSERT_EQ(first.size(), 2u);
   EXPECT_EQ(first["nuk0"].v4, "127.0.0.11");
@@ -80,9 +80,8 @@ TEST_F(InterfacePublicationTest, EntriesKeepTheirUuidWhileTheirInterfaceExists) 
 }
 
 TEST_F(InterfacePublicationTest, LookupsReturnTheAddressesAnInterfaceHas) {
-  SetInterfaces({{"nuk0", {"127.0.0.11", ""}},
-                 {"nuk1", {"", "fd00::12"}},
-                 {"nuk3", {"not-an-address", ""}}});
+  SetInterfaces(
+      {{"nuk0", {"127.0.0.11", ""}}, {"nuk1", {"", "fd00::12"}}, {"nuk3", {"not-an-address", ""}}});
   Util::PublishNukNicsToLodex();
   char v4[16], v6[INET6_ADDRSTRLEN];
 
@@ -111,7 +110,8 @@ TEST_F(InterfacePublicationTest, LookupsReturnTheAddressesAnInterfaceHas) {
   // Another host's interfaces: it published none.
   kel::platform::DirUuid other = kel::platform::RandomDirUuid();
   EXPECT_EQ(KeldLodexGetInterfaceAddress("nuk0", other.data(), v4, v6), NUK_FAILURE);
-  EXPECT_TRUE(capture.Contains("KELD: Failed to get KEL nuk interface entry from LODEX with error:"));
+  EXPECT_TRUE(
+      capture.Contains("KELD: Failed to get KEL nuk interface entry from LODEX with error:"));
 }
 
 TEST_F(InterfacePublicationTest, NameEqualityPicksTheEntryAndDeepEqualityDecidesTheRewrite) {

@@ -1,5 +1,7 @@
 // One behaviour, two backends: every test here runs against the embedded directory and against a
 // real etcd started on loopback for this binary.
+#include <gtest/gtest.h>
+
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -8,8 +10,6 @@
 #include <string>
 #include <thread>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "platform/directory.h"
 #include "platform/directory_embedded.h"
@@ -44,7 +44,8 @@ class Recorder {
   Directory::NotifyFn Fn() {
     return [this](NUK_ReturnStatus st, const DirEntry* e) {
       std::lock_guard<std::mutex> guard(mu_);
-      notes_.push_back({st, e != nullptr, e != nullptr ? *e : DirEntry(), std::this_thread::get_id()});
+      notes_.push_back(
+          {st, e != nullptr, e != nullptr ? *e : DirEntry(), std::this_thread::get_id()});
       cv_.notify_all();
     };
   }
@@ -143,11 +144,11 @@ class EtcdBackend {
   EtcdBackend() {
     static std::atomic<int> counter{0};
     prefix_ = "/kel/conformance-" + std::to_string(counter.fetch_add(1));
-    config_ = kel::testing::MakeTestHostConfig(dir_.path(), "host-a", server_->Endpoint(),
-                                               prefix_, 5);
+    config_ =
+        kel::testing::MakeTestHostConfig(dir_.path(), "host-a", server_->Endpoint(), prefix_, 5);
     config_.hostSite = "Preferred";
-    peer_ = kel::testing::MakeTestHostConfig(dir_.path(), "host-b", server_->Endpoint(), prefix_,
-                                             5);
+    peer_ =
+        kel::testing::MakeTestHostConfig(dir_.path(), "host-b", server_->Endpoint(), prefix_, 5);
   }
   std::shared_ptr<Directory> Open() {
     return std::make_shared<kel::platform::EtcdDirectory>(config_,
@@ -280,6 +281,7 @@ TYPED_TEST(DirectoryConformance, UpdateCompletesOnceOnTheWriterThreadAndRefusesZ
 }
 
 TYPED_TEST(DirectoryConformance, SubscribersSeeChangesOfOtherViewsAndTheEndOnce) {
+  Recorder rec;  // outlives the directories, whose last call (the end) may come late
   auto writer = this->backend_.Open();
   auto watcher = this->backend_.OpenPeer();
   DirEntry e = MakeEntry(37, "gen-1");
@@ -287,7 +289,6 @@ TYPED_TEST(DirectoryConformance, SubscribersSeeChangesOfOtherViewsAndTheEndOnce)
   DirEntry highBit = MakeEntry(0xA5, "flagged");
   highBit.uuid = e.uuid;
 
-  Recorder rec;
   Directory::SubscriptionId id = 0;
   ASSERT_EQ(watcher->Subscribe(ByUuid(e), rec.Fn(), &id), NUK_OK);
   ASSERT_EQ(UpdateAndWait(*writer, unrelated), NUK_OK);
@@ -301,8 +302,8 @@ TYPED_TEST(DirectoryConformance, SubscribersSeeChangesOfOtherViewsAndTheEndOnce)
   ASSERT_TRUE(rec.WaitFor([](const Recorder::Note& n) { return n.status == NUK_NOT_FOUND; }));
 
   ASSERT_EQ(watcher->Unsubscribe(id), NUK_OK);
-  ASSERT_TRUE(rec.WaitFor(
-      [](const Recorder::Note& n) { return n.status == NUK_SUBSCRIPTION_ENDED; }));
+  ASSERT_TRUE(
+      rec.WaitFor([](const Recorder::Note& n) { return n.status == NUK_SUBSCRIPTION_ENDED; }));
   EXPECT_EQ(watcher->Unsubscribe(id), NUK_NOT_FOUND);
   ASSERT_EQ(UpdateAndWait(*writer, e), NUK_OK);
   std::this_thread::sleep_for(std::chrono::milliseconds(300));
@@ -327,14 +328,16 @@ TYPED_TEST(DirectoryConformance, SubscribersSeeChangesOfOtherViewsAndTheEndOnce)
   EXPECT_EQ(deleted, 1u);
   // The deletion is reported with the last header of the entry.
   for (const auto& n : notes) {
-    if (n.status == NUK_NOT_FOUND) EXPECT_TRUE(n.hasEntry);
+    if (n.status == NUK_NOT_FOUND) {
+      EXPECT_TRUE(n.hasEntry);
+    }
   }
 }
 
 TYPED_TEST(DirectoryConformance, TypeAndOwnerSubscriptionsFilterAndRunOnTheNotificationThread) {
+  Recorder byType, byOwner;
   auto writer = this->backend_.Open();
   auto watcher = this->backend_.OpenPeer();
-  Recorder byType, byOwner;
   DirQuery typeQuery;
   typeQuery.matchType = true;
   typeQuery.type = 38;
@@ -368,28 +371,29 @@ TYPED_TEST(DirectoryConformance, TypeAndOwnerSubscriptionsFilterAndRunOnTheNotif
 }
 
 TYPED_TEST(DirectoryConformance, UnsubscribeFromInsideTheCallbackEndsAfterItReturns) {
-  auto dir = this->backend_.Open();
-  DirEntry e = MakeEntry(37, "x");
   std::mutex mu;
   std::condition_variable cv;
   std::vector<std::string> order;
+  auto dir = this->backend_.Open();
+  DirEntry e = MakeEntry(37, "x");
   Directory::SubscriptionId id = 0;
   std::shared_ptr<Directory> keep = dir;
-  ASSERT_EQ(dir->Subscribe(ByUuid(e),
-                           [&](NUK_ReturnStatus st, const DirEntry*) {
-                             std::lock_guard<std::mutex> guard(mu);
-                             if (st == NUK_OK && order.empty()) {
-                               order.push_back("change");
-                               EXPECT_EQ(keep->Unsubscribe(id), NUK_OK);
-                               order.push_back("unsubscribed");
-                             } else if (st == NUK_SUBSCRIPTION_ENDED) {
-                               order.push_back("ended");
-                             } else {
-                               order.push_back("other");
-                             }
-                             cv.notify_all();
-                           },
-                           &id),
+  ASSERT_EQ(dir->Subscribe(
+                ByUuid(e),
+                [&](NUK_ReturnStatus st, const DirEntry*) {
+                  std::lock_guard<std::mutex> guard(mu);
+                  if (st == NUK_OK && order.empty()) {
+                    order.push_back("change");
+                    EXPECT_EQ(keep->Unsubscribe(id), NUK_OK);
+                    order.push_back("unsubscribed");
+                  } else if (st == NUK_SUBSCRIPTION_ENDED) {
+                    order.push_back("ended");
+                  } else {
+                    order.push_back("other");
+                  }
+                  cv.notify_all();
+                },
+                &id),
             NUK_OK);
   ASSERT_EQ(UpdateAndWait(*dir, e), NUK_OK);
   e.data = "y";
@@ -403,8 +407,8 @@ TYPED_TEST(DirectoryConformance, UnsubscribeFromInsideTheCallbackEndsAfterItRetu
 }
 
 TYPED_TEST(DirectoryConformance, ClosingTheDirectoryEndsItsSubscriptions) {
-  auto dir = this->backend_.Open();
   Recorder rec;
+  auto dir = this->backend_.Open();
   Directory::SubscriptionId id = 0;
   DirQuery all;
   ASSERT_EQ(dir->Subscribe(all, rec.Fn(), &id), NUK_OK);

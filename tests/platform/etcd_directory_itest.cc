@@ -1,14 +1,14 @@
 // What only the etcd directory has to survive: dropped watch connections, compacted history,
 // leases that expire, and programs that borrow or adopt a host's lease. Each test runs its own etcd
 // on loopback.
+#include <gtest/gtest.h>
+
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "platform/directory.h"
 #include "platform/directory_etcd.h"
@@ -39,9 +39,9 @@ class Notes {
       cv_.notify_all();
     };
   }
-  bool WaitFor(const std::function<bool(const std::vector<std::pair<NUK_ReturnStatus, DirEntry>>&)>&
-                   pred,
-               std::chrono::milliseconds timeout = kWait) {
+  bool WaitFor(
+      const std::function<bool(const std::vector<std::pair<NUK_ReturnStatus, DirEntry>>&)>& pred,
+      std::chrono::milliseconds timeout = kWait) {
     std::unique_lock<std::recursive_mutex> lock(mu_);
     return cv_.wait_for(lock, timeout, [&] { return pred(list_); });
   }
@@ -132,9 +132,9 @@ class EtcdDirectoryTest : public ::testing::Test {
 };
 
 TEST_F(EtcdDirectoryTest, WatchResumesAfterACutStreamAndAServerRestartWithoutLosingEvents) {
+  Notes notes;  // outlives the directories, whose last call (the end) may come late
   auto writer = Open(Host("writer"));
   auto watcher = Open(Host("watcher"));
-  Notes notes;
   DirQuery all;
   Directory::SubscriptionId id = 0;
   ASSERT_EQ(watcher->Subscribe(all, notes.Fn(), &id), NUK_OK);
@@ -170,6 +170,7 @@ TEST_F(EtcdDirectoryTest, WatchResumesAfterACutStreamAndAServerRestartWithoutLos
 }
 
 TEST_F(EtcdDirectoryTest, ACompactedResumePointIsRepairedByReadingAndReportingTheDifferences) {
+  Notes notes;
   auto writer = Open(Host("writer"));
   auto watcher = Open(Host("watcher"));
   DirEntry kept, removed, added;
@@ -183,7 +184,6 @@ TEST_F(EtcdDirectoryTest, ACompactedResumePointIsRepairedByReadingAndReportingTh
   ASSERT_EQ(Put(*writer, kept), NUK_OK);
   ASSERT_EQ(Put(*writer, removed), NUK_OK);
 
-  Notes notes;
   DirQuery all;
   Directory::SubscriptionId id = 0;
   ASSERT_EQ(watcher->Subscribe(all, notes.Fn(), &id), NUK_OK);
@@ -214,6 +214,7 @@ TEST_F(EtcdDirectoryTest, ACompactedResumePointIsRepairedByReadingAndReportingTh
 }
 
 TEST_F(EtcdDirectoryTest, AnExpiredLeaseTakesTheHostAndItsEntriesAndIsRepairedWhenItWakesUp) {
+  Notes notes;
   HostConfig a = Host("short-lived", 2);
   auto host = Open(a);
   auto other = Open(Host("observer"));
@@ -222,7 +223,6 @@ TEST_F(EtcdDirectoryTest, AnExpiredLeaseTakesTheHostAndItsEntriesAndIsRepairedWh
   nic.type = 38;
   nic.data = "nuk0";
   ASSERT_EQ(Put(*host, nic), NUK_OK);
-  Notes notes;
   DirQuery all;
   Directory::SubscriptionId id = 0;
   ASSERT_EQ(other->Subscribe(all, notes.Fn(), &id), NUK_OK);

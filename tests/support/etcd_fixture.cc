@@ -5,9 +5,8 @@
 
 #include <chrono>
 #include <fstream>
-#include <thread>
-
 #include <nlohmann/json.hpp>
+#include <thread>
 
 #include "platform/directory.h"
 #include "platform/etcd_client.h"
@@ -61,18 +60,30 @@ bool EtcdServer::Start(std::string* error) {
   std::string client = Endpoint();
   std::string peer = "http://127.0.0.1:" + std::to_string(peerPort_);
   std::vector<std::string> argv = {"etcd",
-                                   "--name", "kel-test",
-                                   "--data-dir", dir_.Join("data"),
-                                   "--listen-client-urls", client,
-                                   "--advertise-client-urls", client,
-                                   "--listen-peer-urls", peer,
-                                   "--initial-advertise-peer-urls", peer,
-                                   "--initial-cluster", "kel-test=" + peer,
-                                   "--initial-cluster-state", "new",
-                                   "--snapshot-count", "1000",
-                                   "--heartbeat-interval", "10",
-                                   "--election-timeout", "100",
-                                   "--log-level", "warn"};
+                                   "--name",
+                                   "kel-test",
+                                   "--data-dir",
+                                   dir_.Join("data"),
+                                   "--listen-client-urls",
+                                   client,
+                                   "--advertise-client-urls",
+                                   client,
+                                   "--listen-peer-urls",
+                                   peer,
+                                   "--initial-advertise-peer-urls",
+                                   peer,
+                                   "--initial-cluster",
+                                   "kel-test=" + peer,
+                                   "--initial-cluster-state",
+                                   "new",
+                                   "--snapshot-count",
+                                   "1000",
+                                   "--heartbeat-interval",
+                                   "10",
+                                   "--election-timeout",
+                                   "100",
+                                   "--log-level",
+                                   "warn"};
   proc_ = std::make_unique<ChildProcess>();
   if (!proc_->Start(argv, dir_.Join("etcd.log"))) {
     if (error != nullptr) *error = "cannot start etcd";
