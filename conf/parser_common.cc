@@ -1,6 +1,4 @@
 // Helpers shared by the Parser transactions, the change action and the cluster initiator limit.
-#include "conf/parser_internal.h"
-
 #include <strings.h>
 
 #include <cctype>
@@ -10,6 +8,7 @@
 
 #include "conf/conf.h"
 #include "conf/parser_edit.h"
+#include "conf/parser_internal.h"
 #include "directory/config_cache.h"
 #include "directory/config_entry.h"
 #include "directory/lun_paths.h"
@@ -92,7 +91,7 @@ struct target* RequireTargetByAlias(const struct conf* c, const std::string& ali
 int CountTargets(const struct conf* c) {
   int n = 0;
   const struct target* t;
-  TAILQ_FOREACH(t, &c->conf_targets, t_next) ++n;
+  TAILQ_FOREACH(t, &c->conf_targets, t_next)++ n;
   return n;
 }
 
@@ -110,7 +109,7 @@ int CountUsedLunSlots(const struct conf* c) {
 int CountInitiatorGroups(const struct conf* c) {
   int n = 0;
   const struct initiator_group* ig;
-  TAILQ_FOREACH(ig, &c->conf_initiator_groups, ig_next) ++n;
+  TAILQ_FOREACH(ig, &c->conf_initiator_groups, ig_next)++ n;
   return n;
 }
 
@@ -229,8 +228,7 @@ void UpdateTargetPortal(struct conf* c, struct target* t, const std::string& ali
     if (pg == nullptr) throw OrsaCtlException("Failed to create portal-group " + name);
     pg->pg_discovery_auth_group = auth_group_find(c, "no-authentication");
     if (portal_group_add_listen(pg, listen.c_str(), false) != 0) {
-      throw OrsaCtlException("Failed to add listen address " + listen + " to portal-group " +
-                             name);
+      throw OrsaCtlException("Failed to add listen address " + listen + " to portal-group " + name);
     }
   }
   struct portal_group* old = current != nullptr ? current->p_portal_group : nullptr;
@@ -297,8 +295,7 @@ void ApplyTargetInitiators(struct conf* c, struct target* t, const std::string& 
       const std::string name = Text(ref->ref_igroup->ig_name);
       if (wantedGroups.count(name) == 0) {
         // kept as is: "intiator".
-        LogInfo("%s: Removing intiator group %s from target %s", kTag, name.c_str(),
-                alias.c_str());
+        LogInfo("%s: Removing intiator group %s from target %s", kTag, name.c_str(), alias.c_str());
         auth_group_igroup_ref_remove(ag, ref);
       }
       ref = next;
@@ -379,13 +376,13 @@ void checkInitiatorCount(struct conf* c, int newCount) {
   const struct initiator_group* ig;
   TAILQ_FOREACH(ig, &c->conf_initiator_groups, ig_next) {
     const struct initiator* in;
-    TAILQ_FOREACH(in, &ig->ig_initiators, in_next) ++count;
+    TAILQ_FOREACH(in, &ig->ig_initiators, in_next)++ count;
   }
   if (count + newCount > kMaxInitiators) {
-    throw OrsaCtlException("the maximum initiators allowed per cluster is: " +
-                           std::to_string(kMaxInitiators) + ". Current initiator count: " +
-                           std::to_string(count) + ". New initiators count: " +
-                           std::to_string(newCount) + ".");
+    throw OrsaCtlException(
+        "the maximum initiators allowed per cluster is: " + std::to_string(kMaxInitiators) +
+        ". Current initiator count: " + std::to_string(count) +
+        ". New initiators count: " + std::to_string(newCount) + ".");
   }
 }
 
@@ -401,7 +398,8 @@ void ApplyConfigChange(uint64_t generation) {
       try {
         ConfigCache::CleanupCachedConfig();
       } catch (const OrsaCtlException& e) {
-        LogWarning("%s: Failed to drop the cached config: %s", Parser::internal::kTag, e.GetMessage().c_str());
+        LogWarning("%s: Failed to drop the cached config: %s", Parser::internal::kTag,
+                   e.GetMessage().c_str());
       }
     }
   } dropCache;

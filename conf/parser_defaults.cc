@@ -1,6 +1,4 @@
 // The cluster defaults in kel.conf and the first kel.conf of a new configuration namespace.
-#include "conf/parser_edit.h"
-
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -9,6 +7,7 @@
 
 #include "conf/conf.h"
 #include "conf/conf_handle.h"
+#include "conf/parser_edit.h"
 #include "conf/parser_internal.h"
 #include "conf/writer.h"
 #include "host/validation.h"
@@ -125,7 +124,8 @@ void InitConf() {
   // Written whole under a private name, then linked into place: a host that loses the race to
   // another one creating the file at the same moment keeps the winner's file, and nobody ever
   // sees a partial one.
-  const std::string temp = Util::GetConfigDirPath() + ".kel.conf.init." + Util::GenerateRandomUuid();
+  const std::string temp =
+      Util::GetConfigDirPath() + ".kel.conf.init." + Util::GenerateRandomUuid();
   int err = fs.WriteFileAtomic(temp, text, 0600);
   if (err == 0) {
     err = fs.Link(temp, path);

@@ -3,9 +3,10 @@
 //
 // Each transaction opens its own exclusive ConfHandle (unless it is given one), changes the model,
 // checks the cluster limits, writes the file with generation + 1, destroys the handle (unlocking
-// the file) and then runs the change action (Util::ApplyConfigChange). Every failure is thrown as OrsaCtlException; the handle is destroyed on the
-// way out, which drops the unsaved model and unlocks the file, so a failed edit never reaches the
-// file. Readers go through the configuration cache.
+// the file) and then runs the change action (Util::ApplyConfigChange). Every failure is thrown as
+// OrsaCtlException; the handle is destroyed on the way out, which drops the unsaved model and
+// unlocks the file, so a failed edit never reaches the file. Readers go through the configuration
+// cache.
 //
 // Thread-safety: all functions may be called from several threads; edits are serialised by the
 // cluster-wide file lock.

@@ -1,6 +1,4 @@
 // Initiator group transactions: adding and removing groups and the initiators inside them.
-#include "conf/parser_edit.h"
-
 #include <strings.h>
 
 #include <string>
@@ -8,6 +6,7 @@
 
 #include "conf/conf.h"
 #include "conf/conf_handle.h"
+#include "conf/parser_edit.h"
 #include "conf/parser_internal.h"
 #include "host/validation.h"
 #include "platform/exception.h"
@@ -80,8 +79,8 @@ void AddNewInitiatorgroupToConfFile(const std::string& name) {
     }
     Util::ApplyConfigChange(generation);
   } catch (const OrsaCtlException& e) {
-    throw OrsaCtlException("Failed to add initiator group " + name + " with error: " +
-                           e.GetMessage());
+    throw OrsaCtlException("Failed to add initiator group " + name +
+                           " with error: " + e.GetMessage());
   }
   LogInfo("%s: Added new initiator group %s successfully.", kTag, name.c_str());
 }
@@ -128,7 +127,8 @@ void AddInitiatorsToInitiatorgroup(const std::string& name,
     std::vector<std::string> fresh;
     for (const std::string& initiator : initiators) {
       bool known = FindInitiator(ig, initiator) != nullptr;
-      for (const std::string& f : fresh) known = known || strcasecmp(f.c_str(), initiator.c_str()) == 0;
+      for (const std::string& f : fresh)
+        known = known || strcasecmp(f.c_str(), initiator.c_str()) == 0;
       if (!known) fresh.push_back(initiator);
     }
     checkInitiatorCount(c, static_cast<int>(fresh.size()));

@@ -1,12 +1,11 @@
 // LUN transactions: adding and removing LUNs, and the changes UpdateLun makes inside the caller's
 // handle (number, target, alias, status, size), with the resize checks.
-#include "conf/parser_edit.h"
-
 #include <cstring>
 #include <string>
 
 #include "conf/conf.h"
 #include "conf/conf_handle.h"
+#include "conf/parser_edit.h"
 #include "conf/parser_internal.h"
 #include "host/validation.h"
 #include "platform/datastore.h"
@@ -30,7 +29,9 @@ constexpr const char* kResizeMark = "KelOnlineResize";
 
 bool ValidLunId(int id) { return id >= 0 && id < MAX_LUNS; }
 
-struct lun* FindLun(const struct target* t, int id) { return ValidLunId(id) ? t->t_luns[id] : nullptr; }
+struct lun* FindLun(const struct target* t, int id) {
+  return ValidLunId(id) ? t->t_luns[id] : nullptr;
+}
 
 struct lun* RequireLun(const struct target* t, int id, const std::string& alias) {
   struct lun* l = FindLun(t, id);
@@ -131,8 +132,7 @@ void RemoveLunFromConfFile(int lunId, const std::string& targetAlias) {
     }
     Util::ApplyConfigChange(generation);
   } catch (const OrsaCtlException& e) {
-    LogError("%s: Failed to remove LUN from conf file with error %s", kTag,
-             e.GetMessage().c_str());
+    LogError("%s: Failed to remove LUN from conf file with error %s", kTag, e.GetMessage().c_str());
     throw;
   }
   LogInfo("%s: Removed LUN %d for target %s from config file", kTag, lunId, targetAlias.c_str());
@@ -248,8 +248,8 @@ void UpdateLun(LunInfo& lun, int newId, const std::string& newTarget, ConfHandle
   std::string movedTo;
   if (to == from) {
     if (changeId) {
-      LogInfo("%s: For target '%s' updating id form %d to %d", kServiceTag,
-              lun.targetAlias.c_str(), l->l_keld_lun, newId);
+      LogInfo("%s: For target '%s' updating id form %d to %d", kServiceTag, lun.targetAlias.c_str(),
+              l->l_keld_lun, newId);
       UpdateLunId(newId, l, from);
     }
   } else {
@@ -334,8 +334,7 @@ uint64_t GetKelLunActualSize(struct lun* l) {
   uint64_t capacity = 0;
   VirtDiskError err = DiskCapacity(path, &capacity);
   if (err != VIRTDISK_OK) {
-    LogError("%s: Check Size and VirtDisk_OpenWithInfo failed: %s", kTag,
-             VirtDisk_Err2String(err));
+    LogError("%s: Check Size and VirtDisk_OpenWithInfo failed: %s", kTag, VirtDisk_Err2String(err));
     return 0;
   }
   LogInfo("%s: Actual capacity: %lu, Lun path: %s", kTag, static_cast<unsigned long>(capacity),

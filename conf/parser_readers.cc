@@ -1,10 +1,9 @@
 // Readers of kel.conf for the service: served from the configuration cache, which reads the file
 // under the shared lock whenever its copy cannot be trusted.
-#include "conf/parser_edit.h"
-
 #include <string>
 #include <vector>
 
+#include "conf/parser_edit.h"
 #include "conf/parser_internal.h"
 #include "directory/config_cache.h"
 #include "platform/exception.h"
@@ -28,8 +27,7 @@ std::vector<TargetInfo> GetTargets() {
   try {
     return ConfigCache::GetTargetsInfos();
   } catch (const OrsaCtlException& e) {
-    LogError("%s: Failed to load targets from config file, error %s", kTag,
-             e.GetMessage().c_str());
+    LogError("%s: Failed to load targets from config file, error %s", kTag, e.GetMessage().c_str());
     throw;
   }
 }
@@ -60,7 +58,8 @@ void GetInitiatorgroupsFromConfFile(const std::string& name, std::vector<Initiat
     }
     throw OrsaCtlException("Initiator group " + name + " not found");
   } catch (const OrsaCtlException& e) {
-    const std::string message = "Failed to retrieve initiator group info with error " + e.GetMessage();
+    const std::string message =
+        "Failed to retrieve initiator group info with error " + e.GetMessage();
     LogError("%s: %s", kTag, message.c_str());
     throw OrsaCtlException(message);
   }

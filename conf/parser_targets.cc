@@ -1,6 +1,4 @@
 // Target transactions: creation, update inside the caller's handle, removal, status.
-#include "conf/parser_edit.h"
-
 #include <strings.h>
 
 #include <cctype>
@@ -10,6 +8,7 @@
 
 #include "conf/conf.h"
 #include "conf/conf_handle.h"
+#include "conf/parser_edit.h"
 #include "conf/parser_internal.h"
 #include "host/validation.h"
 #include "platform/exception.h"
@@ -75,8 +74,7 @@ void RenameTarget(struct conf* c, struct target* t, const std::string& alias,
 void UpdateTargetStatus(const TargetCreateParam& param, struct target* t) {
   if (param.status.empty()) return;
   Util::VerifyTargetStatus(param.status);
-  LogInfo("%s: Updating target %s status to %s", kTag, param.alias.c_str(),
-          param.status.c_str());
+  LogInfo("%s: Updating target %s status to %s", kTag, param.alias.c_str(), param.status.c_str());
   SetTargetOption(t, "status", param.status);
 }
 

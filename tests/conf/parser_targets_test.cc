@@ -1,7 +1,7 @@
+#include <gtest/gtest.h>
+
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "conf/conf.h"
 #include "conf/conf_handle.h"
@@ -11,6 +11,8 @@
 
 namespace {
 
+using HostCtl::Orsa::IscsiTarget::DefaultInfo;
+using HostCtl::Orsa::IscsiTarget::TargetCreateParam;
 using kel::log::LogCapture;
 using kel::testing::AddModelTarget;
 using kel::testing::AuthGroupOf;
@@ -21,8 +23,6 @@ using kel::testing::PortalGroupOf;
 using kel::testing::TargetOpt;
 using kel::testing::TargetParam;
 using kel::testing::TestUuid;
-using HostCtl::Orsa::IscsiTarget::DefaultInfo;
-using HostCtl::Orsa::IscsiTarget::TargetCreateParam;
 namespace IT = NukCtl::Orsa::IscsiTarget;
 namespace Parser = NukCtl::Orsa::IscsiTarget::Parser;
 
@@ -208,8 +208,9 @@ TEST(ParserTargets, RefusedCreationsLeaveFileAndDatastoreAlone) {
     for (int g = 0; g < 32; ++g) {
       struct initiator_group* ig = initiator_group_new(c, ("g" + std::to_string(g)).c_str());
       for (int i = 0; i < 256; ++i) {
-        initiator_new(ig, ("iqn.1998-01.com.example:g" + std::to_string(g) + "-" +
-                           std::to_string(i)).c_str());
+        initiator_new(
+            ig,
+            ("iqn.1998-01.com.example:g" + std::to_string(g) + "-" + std::to_string(i)).c_str());
       }
     }
   });

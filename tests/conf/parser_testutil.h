@@ -5,14 +5,13 @@
 // nothing to the other test binaries of this folder.
 #pragma once
 
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 
 #include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
-
-#include <gtest/gtest.h>
 
 #include "conf/conf.h"
 #include "conf/conf_handle.h"
@@ -21,8 +20,8 @@
 #include "directory/config_entry.h"
 #include "platform/directory.h"
 #include "platform/exception.h"
-#include "platform/host_config.h"
 #include "platform/exec.h"
+#include "platform/host_config.h"
 #include "storage/namespace.h"
 #include "storage/paths.h"
 #include "tests/support/test_support.h"
@@ -88,9 +87,7 @@ class ParserEnv {
   std::string datastore() const { return dir_.Join("datastore"); }
 
   // Fingerprint of everything a refused edit must leave alone: kel.conf and the datastore.
-  std::string Snapshot() const {
-    return Sha256OfFile(conf_path()) + "/" + TreeDigest(datastore());
-  }
+  std::string Snapshot() const { return Sha256OfFile(conf_path()) + "/" + TreeDigest(datastore()); }
 
   // The file as the grammar reads it back.
   ConfPtr Read() const {
@@ -140,9 +137,7 @@ inline std::string TestUuid(int n) {
   return buf;
 }
 
-inline std::string TestIqn(int n) {
-  return "iqn.2024-01.com.example:target" + std::to_string(n);
-}
+inline std::string TestIqn(int n) { return "iqn.2024-01.com.example:target" + std::to_string(n); }
 
 // A creation request for target number `n` with everything optional left empty.
 inline TargetCreateParam TargetParam(int n) {

@@ -1,0 +1,303 @@
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "conf/conf.h"
+#include "conf/conf_handle.h"
+#include "conf/parser_edit.h"
+#include "directory/lun_paths.h"
+#include "platform/datastore.h"
+#include "platform/fs.h"
+#include "platform/log.h"
+#include "storage/lun_disk.h"
+#include "storage/namespace.h"
+#include "tests/conf/parser_testutil.h"
+
+namespace {
+
+using HostCtl::Orsa::IscsiTarget::LunInfo;
+using HostCtl::Orsa::IscsiTarget::TargetCreateParam;
+using kel::log::LogCapture;
+using kel::testing::AddModelTarget;
+using kel::testing::ErrorOf;
+using kel::testing::LunOpt;
+using kel::testing::ModelTarget;
+using kel::testing::ParserEnv;
+using kel::testing::PathExists;
+using kel::testing::TargetParam;
+using kel::testing::WriteFile;
+namespace IT = NukCtl::Orsa::IscsiTarget;
+namespace Parser = NukCtl::Orsa::IscsiTarget::Parser;
+
+// A target with a real namespace on the datastore; returns the namespace's uuid.
+std::string MakeTarget(int n) {
+  TargetCreateParam p = TargetParam(n);
+  IT::Util::CreateTargetNamespace("", p.uuid);
+  bool changed = false;
+  Parser::AddNewTargetToConfFile(p, changed);
+  return p.uuid;
+}
+
+// A LUN with a real disk of `sectors` in the target's namespace, added to kel.conf.
+LunInfo MakeLun(const std::string& alias, const std::string& targetUuid, int id, uint64_t sectors) {
+  LunInfo lun;
+  lun.id = id;
+  lun.targetAlias = alias;
+  lun.sizeSectors = sectors;
+  IT::Util::CreateLun(std::to_string(id), alias, targetUuid, sectors, "", lun.path, lun.uuid);
+  bool changed = true;
+  Parser::AddNewLunToConfFile(lun, changed);
+  EXPECT_FALSE(changed);
+  return lun;
+}
+
+// One UpdateLun transaction written like the service does; returns the record as UpdateLun left it.
+LunInfo EditLun(LunInfo lun, int newId = -1, const std::string& newTarget = "") {
+  IT::ConfHandle handle(IT::ConfHandle::kExclusive);
+  bool retry = true;
+  Parser::UpdateLun(lun, newId, newTarget, handle, retry);
+  EXPECT_FALSE(retry);
+  handle.WriteConfFile();
+  return lun;
+}
+
+LunInfo Ref(const std::string& alias, int id) {
+  LunInfo lun;
+  lun.id = id;
+  lun.targetAlias = alias;
+  return lun;
+}
+
+std::string AbsPath(const struct conf* c, const std::string& alias, int id) {
+  return kel::platform::DatastorePath() + "/" + ModelTarget(c, alias)->t_luns[id]->l_path;
+}
+
+TEST(ParserLuns, AddAndRemoveEntries) {
+  ParserEnv env;
+  const std::string uuid = MakeTarget(1);
+  MakeLun("t1", uuid, -1, 2048);
+  MakeLun("t1", uuid, -1, 2048);
+  LunInfo named;
+  named.id = 5;
+  named.targetAlias = "t1";
+  named.alias = "data disk";
+  named.naa = "60024B45000000000000000000000001";
+  named.sizeText = "1MiB";
+  IT::Util::CreateLun("5", "t1", uuid, 2048, "", named.path, named.uuid);
+  named.path = env.datastore() + "/" + named.path;  // absolute form of a record is accepted
+  const uint64_t gen = env.Generation();
+  bool changed = true;
+  Parser::AddNewLunToConfFile(named, changed);
+  EXPECT_FALSE(changed);
+
+  auto c = env.Read();
+  EXPECT_EQ(c->conf_generation, gen + 1);
+  EXPECT_EQ(env.Published(), gen + 1);
+  struct target* t = ModelTarget(c.get(), "t1");
+  ASSERT_TRUE(t->t_luns[0] != nullptr && t->t_luns[1] != nullptr && t->t_luns[5] != nullptr);
+  EXPECT_EQ(t->t_luns[2], nullptr);
+  const struct lun* l = t->t_luns[5];
+  EXPECT_EQ(l->l_keld_lun, 5);
+  EXPECT_STREQ(l->l_backend, "pemo");
+  EXPECT_EQ(std::string(l->l_path), uuid + "/" + named.uuid + ".pemo");
+  EXPECT_EQ(l->l_size, 2048);
+  EXPECT_EQ(LunOpt(l, "lun-alias"), "data disk");
+  EXPECT_EQ(LunOpt(l, "naa"), named.naa);
+  EXPECT_EQ(LunOpt(t->t_luns[0], "lun-alias"), "<none>");
+  EXPECT_EQ(LunOpt(t->t_luns[0], "naa"), "<none>");
+
+  // Refusals: the file and the datastore stay as they are.
+  const std::string snapshot = env.Snapshot();
+  LogCapture capture;
+  LunInfo again = Ref("t1", 5);
+  again.path = uuid + "/other.pemo";
+  EXPECT_EQ(ErrorOf([&] { Parser::AddNewLunToConfFile(again, changed); }),
+            "LUN id 5 already exists for target t1");
+  again.targetAlias = "T1";
+  EXPECT_EQ(ErrorOf([&] { Parser::AddNewLunToConfFile(again, changed); }), "Target T1 not found");
+  EXPECT_TRUE(
+      capture.Contains("Parser: Failed to add LUN to conf file with error Target T1 not found"));
+  EXPECT_EQ(ErrorOf([] { Parser::RemoveLunFromConfFile(7, "t1"); }),
+            "Failed to find LUN 7 for target t1");
+  EXPECT_TRUE(capture.Contains(
+      "Parser: Failed to remove LUN from conf file with error Failed to find LUN 7 for target t1"));
+  EXPECT_EQ(env.Snapshot(), snapshot);
+
+  // Removal takes the leftover reservation and lock files along, never the disk.
+  const std::string disk = AbsPath(c.get(), "t1", 0);
+  const std::string pr = IT::Util::GetLunPRFilePath(disk);
+  const std::string lock = IT::Util::GetPemoLockFilePath(disk);
+  WriteFile(pr, "reservation");
+  WriteFile(lock, "");
+  Parser::RemoveLunFromConfFile(0, "t1");
+  c = env.Read();
+  EXPECT_EQ(c->conf_generation, gen + 2);
+  EXPECT_EQ(ModelTarget(c.get(), "t1")->t_luns[0], nullptr);
+  EXPECT_NE(ModelTarget(c.get(), "t1")->t_luns[1], nullptr);
+  EXPECT_FALSE(PathExists(pr));
+  EXPECT_FALSE(PathExists(lock));
+  EXPECT_TRUE(PathExists(disk));
+  EXPECT_TRUE(capture.Contains("Parser: removed lun path " + disk));
+  EXPECT_TRUE(capture.Contains("Parser: Removed LUN 0 for target t1 from config file"));
+}
+
+TEST(ParserLuns, TheClusterHoldsAtMost1024Luns) {
+  ParserEnv env;
+  env.Edit([](struct conf* c) {
+    AddModelTarget(c, 1);
+    for (int n = 2; n < 6; ++n) {
+      struct target* t = AddModelTarget(c, n);
+      for (int id = 0; id < 256; ++id) {
+        char name[300];
+        keld_target_lun_name(name, sizeof(name), t->t_name, id);
+        struct lun* l = lun_new(c, name);
+        lun_set_keld_lun(l, id);
+        lun_set_backend(l, "pemo");
+        lun_set_path(l, (kel::testing::TestUuid(n) + "/" + std::to_string(id) + ".pemo").c_str());
+        lun_set_size(l, 2048);
+        t->t_luns[id] = l;
+      }
+    }
+  });
+  const std::string snapshot = env.Snapshot();
+  LunInfo lun = Ref("t1", -1);
+  lun.path = kel::testing::TestUuid(1) + "/x.pemo";
+  lun.sizeSectors = 2048;
+  bool changed = true;
+  EXPECT_EQ(ErrorOf([&] { Parser::AddNewLunToConfFile(lun, changed); }),
+            "Limit on total number of LUNs (1024) has been reached.");
+  EXPECT_EQ(env.Snapshot(), snapshot);
+
+  // One slot freed: the LUN fits.
+  env.Edit([](struct conf* c) { lun_delete(ModelTarget(c, "t5")->t_luns[255]); });
+  Parser::AddNewLunToConfFile(lun, changed);
+  EXPECT_NE(ModelTarget(env.Read().get(), "t1")->t_luns[0], nullptr);
+}
+
+TEST(ParserLuns, RenumberAndMoveNeedTheLunOffline) {
+  ParserEnv env;
+  const std::string uuid1 = MakeTarget(1);
+  const std::string uuid2 = MakeTarget(2);
+  LunInfo lun = MakeLun("t1", uuid1, 0, 2048);
+  MakeLun("t2", uuid2, 0, 2048);
+
+  const std::string snapshot = env.Snapshot();
+  EXPECT_EQ(ErrorOf([&] { EditLun(lun, 3); }),
+            "Changing the ID of an online LUN is not allowed. Bring the LUN offline first.");
+  EXPECT_EQ(ErrorOf([&] { EditLun(lun, -1, "t2"); }),
+            "Failed to move LUN to new target: Moving an online LUN to new target is not allowed. "
+            "Bring the LUN offline first.");
+  // Asking for offline in the same request does not help: the number is changed first.
+  LunInfo offlineToo = lun;
+  offlineToo.status = "offline";
+  EXPECT_NE(ErrorOf([&] { EditLun(offlineToo, 3); }), "");
+  EXPECT_EQ(ErrorOf([&] { EditLun(Ref("t1", 9), 3); }), "Failed to find LUN 9 for target t1");
+  EXPECT_EQ(env.Snapshot(), snapshot);
+
+  LunInfo off = Ref("t1", 0);
+  off.status = "offline";
+  EditLun(off);
+  EXPECT_TRUE(lun_is_offline(ModelTarget(env.Read().get(), "t1")->t_luns[0]));
+
+  LogCapture capture;
+  LunInfo renumbered = EditLun(Ref("t1", 0), 3);
+  EXPECT_EQ(renumbered.id, 3);
+  auto c = env.Read();
+  EXPECT_EQ(ModelTarget(c.get(), "t1")->t_luns[0], nullptr);
+  ASSERT_NE(ModelTarget(c.get(), "t1")->t_luns[3], nullptr);
+  EXPECT_EQ(ModelTarget(c.get(), "t1")->t_luns[3]->l_keld_lun, 3);
+  EXPECT_TRUE(capture.Contains("OrsaIscsiTargetImpl: For target 't1' updating id form 0 to 3"));
+
+  LunInfo second = MakeLun("t1", uuid1, 4, 2048);
+  LunInfo secondOff = second;
+  secondOff.status = "offline";
+  EditLun(secondOff);
+  EXPECT_EQ(ErrorOf([&] { EditLun(Ref("t1", 3), 4); }), "LUN with id 4 already exists.");
+
+  // Move: lowest free number of the new target, the disk into its namespace, sidecars gone.
+  c = env.Read();
+  const std::string oldDisk = AbsPath(c.get(), "t1", 3);
+  const std::string diskName = oldDisk.substr(oldDisk.find_last_of('/') + 1);
+  WriteFile(IT::Util::GetLunPRFilePath(oldDisk), "reservation");
+  WriteFile(IT::Util::GetPemoLockFilePath(oldDisk), "");
+  LunInfo moved = EditLun(Ref("t1", 3), -1, "t2");
+  EXPECT_EQ(moved.id, 1);
+  EXPECT_EQ(moved.targetAlias, "t2");
+  c = env.Read();
+  EXPECT_EQ(ModelTarget(c.get(), "t1")->t_luns[3], nullptr);
+  const struct lun* l = ModelTarget(c.get(), "t2")->t_luns[1];
+  ASSERT_NE(l, nullptr);
+  EXPECT_EQ(std::string(l->l_path), uuid2 + "/" + diskName);
+  EXPECT_FALSE(PathExists(oldDisk));
+  EXPECT_TRUE(PathExists(env.datastore() + "/" + uuid2 + "/" + diskName));
+  EXPECT_FALSE(PathExists(IT::Util::GetLunPRFilePath(oldDisk)));
+  EXPECT_FALSE(PathExists(IT::Util::GetPemoLockFilePath(oldDisk)));
+  EXPECT_TRUE(
+      capture.Contains("OrsaIscsiTargetImpl: Move LUN 3 from target 't1' to new Target 't2'"));
+
+  // Move with a number: the number is taken in the new target; a refused grow moves the disk back.
+  const std::string secondDisk = AbsPath(c.get(), "t1", 4);
+  LunInfo shrink = Ref("t1", 4);
+  shrink.sizeSectors = 1024;
+  EXPECT_EQ(ErrorOf([&] { EditLun(shrink, 7, "t2"); }), "LUN size cannot be reduced");
+  EXPECT_TRUE(PathExists(secondDisk));
+  moved = EditLun(Ref("t1", 4), 7, "t2");
+  EXPECT_EQ(moved.id, 7);
+  c = env.Read();
+  EXPECT_NE(ModelTarget(c.get(), "t2")->t_luns[7], nullptr);
+  EXPECT_EQ(ModelTarget(c.get(), "t2")->t_luns[2], nullptr);
+  EXPECT_FALSE(PathExists(secondDisk));
+}
+
+TEST(ParserLuns, GrowResizeCheckAndRollback) {
+  ParserEnv env;
+  const std::string uuid = MakeTarget(1);
+  MakeLun("t1", uuid, 0, 2048);
+  const std::string disk = AbsPath(env.Read().get(), "t1", 0);
+
+  const std::string snapshot = env.Snapshot();
+  LunInfo smaller = Ref("t1", 0);
+  smaller.sizeSectors = 1024;
+  EXPECT_EQ(ErrorOf([&] { EditLun(smaller); }), "LUN size cannot be reduced");
+  EXPECT_EQ(env.Snapshot(), snapshot);
+
+  LogCapture capture;
+  LunInfo bigger = Ref("t1", 0);
+  bigger.sizeText = "2MiB";
+  bigger.sizeSectors = 4096;
+  bigger.alias = "grown";
+  const uint64_t gen = env.Generation();
+  LunInfo after = EditLun(bigger);
+  auto c = env.Read();
+  EXPECT_EQ(c->conf_generation, gen + 1);
+  const struct lun* l = ModelTarget(c.get(), "t1")->t_luns[0];
+  EXPECT_EQ(l->l_size, 4096);
+  EXPECT_EQ(LunOpt(l, "KelOnlineResize"), "<none>");
+  EXPECT_EQ(LunOpt(l, "lun-alias"), "grown");
+  EXPECT_EQ(IT::Util::GetLunDiskSectors(disk), 4096u);
+  EXPECT_TRUE(capture.Contains("Parser: GrowSize 2MiB, old: 2048, new: 4096 on LUN(" + disk + ")"));
+  EXPECT_FALSE(Parser::CheckResizeDone(after, after.id));
+  EXPECT_TRUE(capture.Contains("Parser: Async resize completed for LUN: " + disk));
+  EXPECT_EQ(Parser::GetKelLunActualSize(ModelTarget(c.get(), "t1")->t_luns[0]), 4096u);
+
+  // The disk holds less than the file says: the file goes back to the disk's size.
+  ASSERT_EQ(kel::platform::GetFs().Truncate(disk, 3072 * 512), 0);
+  EXPECT_EQ(ErrorOf([&] { Parser::CheckResizeDone(after, after.id); }),
+            "Cannot complete resizing, no enough space on Orsa Datastore");
+  EXPECT_EQ(ModelTarget(env.Read().get(), "t1")->t_luns[0]->l_size, 3072);
+
+  Parser::RollbackConfigLunSize(after, 0, 2048);
+  EXPECT_EQ(ModelTarget(env.Read().get(), "t1")->t_luns[0]->l_size, 2048);
+  EXPECT_EQ(ErrorOf([&] { Parser::RollbackConfigLunSize(after, 9, 2048); }),
+            "LUN not found when rollback LUN size");
+
+  // A disk that cannot be opened is no answer yet: try again.
+  ASSERT_EQ(kel::platform::GetFs().Unlink(disk), 0);
+  EXPECT_TRUE(Parser::CheckResizeDone(after, after.id));
+  EXPECT_TRUE(capture.Contains("Parser: VirtDisk_OpenWithInfo failed: "));
+  EXPECT_EQ(Parser::GetKelLunActualSize(ModelTarget(env.Read().get(), "t1")->t_luns[0]), 0u);
+  EXPECT_EQ(ErrorOf([&] { Parser::RollbackConfigLunSize(after, 0, 0); }),
+            "Cannot retrieve LUN actual size");
+}
+
+}  // namespace
