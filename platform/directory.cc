@@ -2,6 +2,7 @@
 
 #include <uuid/uuid.h>
 
+#include <cstdlib>
 #include <cstring>
 #include <nlohmann/json.hpp>
 
@@ -343,6 +344,10 @@ DirectoryRole gDirectoryRole = DirectoryRole::kClient;  // guarded by gDirectory
 }  // namespace
 
 std::shared_ptr<Directory> GetDirectory() {
+  // Closed by an exit handler, which runs before the statics that its threads and callbacks use
+  // (logs, host configuration) are destroyed; a program's own lease is revoked on the way out.
+  static std::once_flag atExit;
+  std::call_once(atExit, [] { std::atexit([] { CloseDirectory(); }); });
   std::lock_guard<std::mutex> guard(gDirectoryMutex);
   if (!gDirectory) gDirectory = OpenDirectory(*CurrentHostConfig(), gDirectoryRole);
   return gDirectory;

@@ -152,7 +152,7 @@ std::shared_ptr<Directory> OpenDirectory(const HostConfig& config, DirectoryRole
 
 // The process's directory, opened on first use from CurrentHostConfig() with the role set by
 // SetDirectoryRole (kClient by default). Throws like OpenDirectory; a failed open is retried on the
-// next call. Thread-safe.
+// next call. Closed at exit. Thread-safe.
 std::shared_ptr<Directory> GetDirectory();
 // Programs call this before the first GetDirectory(); the host agent passes kHostAgent.
 void SetDirectoryRole(DirectoryRole role);
