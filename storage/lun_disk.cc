@@ -269,6 +269,10 @@ std::string GetLunPathById(const std::string& targetName, int id) {
                          targetName);
 }
 
+void GetLunPathById(const std::string& targetName, int id, std::string& path) {
+  path = GetLunPathById(targetName, id);
+}
+
 void GrowLunDisk(const std::string& path, uint64_t newSectors) {
   VirtDiskError err = VirtDisk_Grow(path.c_str(), newSectors);
   if (err != VIRTDISK_OK) {

@@ -56,6 +56,8 @@ std::string GenerateDiskNaa();
 // The path kel.conf stores for LUN `id` of the target with alias (or name) `targetName`, read
 // under the shared file lock. "Failed to find path for LUN <id> on target <name>" when absent.
 std::string GetLunPathById(const std::string& targetName, int id);
+// The same, for callers that take the path through an out argument.
+void GetLunPathById(const std::string& targetName, int id, std::string& path);
 
 // The storage object UUID behind the disk at `path`.
 std::string GetObjectUuidForLun(const std::string& path);

@@ -360,6 +360,9 @@ TEST_F(LunDiskTest, PathLookupReadsKelConf) {
   EXPECT_EQ(target_ + "/b.pemo", GetLunPathById("one", 5));
   EXPECT_EQ(target_ + "/a.pemo", GetLunPathById("one", 0));
   EXPECT_EQ(target_ + "/a.pemo", GetLunPathById("IQN.2026-01.com.example:one", 0));
+  std::string out;
+  GetLunPathById("one", 5, out);
+  EXPECT_EQ(target_ + "/b.pemo", out);
   EXPECT_EQ("Failed to find path for LUN 1 on target one",
             MessageOf([] { GetLunPathById("one", 1); }));
   EXPECT_EQ("Failed to find path for LUN 0 on target two",
