@@ -68,7 +68,8 @@ NUK_ReturnStatus KeldUpdateLodexEntryForConfig(uint64_t gen);
 NUK_ReturnStatus KeldAddLodexEntryForConfig(uint64_t gen);
 // Starts watching the entry; notifications go to KeldLodexConfUpdateCb and from there to
 // `callback`. `handle` (optional) gets the subscription handle to pass to the unsubscribe call.
-NUK_ReturnStatus KeldLodexSubscribeToConfigEntry(KeldConfigChangeCb callback, void** handle);
+NUK_ReturnStatus KeldLodexSubscribeToConfigEntry(KeldConfigChangeCb callback,
+                                                 void** handle = nullptr);
 // Stops watching and resets gAppliedConfigGeneration to 0. The handle is freed by the
 // subscription's final notification.
 NUK_ReturnStatus KeldLodexUnsubscribeToConfigEntry(void* handle);

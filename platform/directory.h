@@ -135,6 +135,9 @@ class Directory {
   // Removes this host's member record. A host agent that finds its record gone while its lease
   // is alive treats it as the host having left and does not re-register on its own.
   virtual NUK_ReturnStatus LeaveCluster() = 0;
+  // `handler` runs (on a directory thread, once) when this process, as the host agent, finds that
+  // the host left the membership. Backends that cannot notice it (embedded) never call it.
+  virtual void SetMembershipLostHandler(std::function<void()> handler) { (void)handler; }
 
   virtual NUK_ReturnStatus GetObjectOwner(const std::string& objectUuid, ObjectOwner* out) = 0;
   // Sets the owner when the record is still at `expectedRevision` (0: when there is no record).

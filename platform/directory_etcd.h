@@ -60,8 +60,8 @@ class EtcdDirectory : public Directory {
   NUK_ReturnStatus ListObjectOwners(std::map<std::string, ObjectOwner>* out) override;
 
   // Called (on the keepalive thread) when the host agent finds its member record removed while
-  // its lease is alive: the host has left the cluster. Set before it can fire.
-  void SetMembershipLostHandler(std::function<void()> handler);
+  // its lease is alive: the host has left the cluster.
+  void SetMembershipLostHandler(std::function<void()> handler) override;
 
   // The lease this process writes under, and whether it is its own (granted here).
   int64_t LeaseId() const;
