@@ -106,7 +106,8 @@ NUK_ReturnStatus EtcdDirectory::RegisterMember(int64_t lease) {
   m.name = selfName_;
   m.site = selfSite_;
   m.leaseId = std::to_string(lease);
-  m.agentLease = role_ == DirectoryRole::kHostAgent;
+  // A borrowed lease is the agent's: keep saying so, or later programs would not borrow it.
+  m.agentLease = role_ == DirectoryRole::kHostAgent || !ownLease_;
   return client_.Put(MemberKey(selfText_), EncodeMemberValue(m), lease);
 }
 
