@@ -27,6 +27,13 @@ namespace {
 
 constexpr const char* kResizeMark = "KelOnlineResize";
 
+// LUN option values are written in double quotes without escapes.
+void CheckQuotable(const std::string& value, const char* label) {
+  if (value.find('"') != std::string::npos) {
+    throw OrsaCtlException(std::string("'\"' not permitted in ") + label);
+  }
+}
+
 bool ValidLunId(int id) { return id >= 0 && id < MAX_LUNS; }
 
 struct lun* FindLun(const struct target* t, int id) {
@@ -87,6 +94,13 @@ void AddNewLunToConfFile(LunInfo lun, bool& changed) {
         throw OrsaCtlException("LUN id " + std::to_string(id) + " already exists for target " +
                                lun.targetAlias);
       }
+      const std::string path = RelativeLunPath(lun.path);
+      if (path.empty()) {
+        throw OrsaCtlException("No backing disk path for LUN " + std::to_string(id) +
+                               " of target " + lun.targetAlias);
+      }
+      CheckQuotable(lun.alias, "alias");
+      CheckQuotable(lun.naa, "naa");
       const int used = CountUsedLunSlots(c);
       struct lun* l = lun_new(c, name);
       if (l == nullptr) throw OrsaCtlException("Failed to create LUN " + std::string(name));
@@ -94,7 +108,7 @@ void AddNewLunToConfFile(LunInfo lun, bool& changed) {
       lun_set_keld_lun(l, id);
       lun_set_scsiname(l, name);
       lun_set_size(l, static_cast<int64_t>(RequestedSectors(lun)));
-      lun_set_path(l, RelativeLunPath(lun.path).c_str());
+      lun_set_path(l, path.c_str());
       lun_set_backend(l, "pemo");
       if (!lun.alias.empty()) SetLunOption(l, "lun-alias", lun.alias);
       if (!lun.naa.empty()) SetLunOption(l, "naa", lun.naa);
@@ -123,12 +137,15 @@ void RemoveLunFromConfFile(int lunId, const std::string& targetAlias) {
       struct conf* c = handle.GetConf();
       struct target* t = RequireTargetByAlias(c, targetAlias);
       struct lun* l = RequireLun(t, lunId, targetAlias);
-      const std::string path = LunAbsPath(l);
+      // An entry without a path (not one of ours) has no files to clean up, but still goes.
+      const std::string path = l->l_path != nullptr ? LunAbsPath(l) : std::string();
       lun_delete(l);
       generation = handle.WriteConfFile();
       // Only once the entry is gone for good: a failed edit leaves the datastore as it was.
-      RemoveLunSidecarFiles(path);
-      LogInfo("%s: removed lun path %s", kTag, path.c_str());
+      if (!path.empty()) {
+        RemoveLunSidecarFiles(path);
+        LogInfo("%s: removed lun path %s", kTag, path.c_str());
+      }
     }
     Util::ApplyConfigChange(generation);
   } catch (const OrsaCtlException& e) {
@@ -159,6 +176,7 @@ void UpdateLunId(int newId, struct lun* l, struct target* t) {
 
 void UpdateLunAlias(const LunInfo& info, struct lun* l) {
   if (info.alias.empty()) return;
+  CheckQuotable(info.alias, "alias");
   SetLunOption(l, "lun-alias", info.alias);
 }
 

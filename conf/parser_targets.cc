@@ -50,6 +50,10 @@ void RenameTarget(struct conf* c, struct target* t, const std::string& alias,
   if (target_find(c, iqn.c_str()) != nullptr) {
     throw OrsaCtlException("Target with IQN " + iqn + " already exists");
   }
+  TargetCreateParam names;
+  names.alias = alias;
+  names.iqn = iqn;
+  Util::VerifyTargetParams(names);
   if (!valid_iscsi_name(iqn.c_str())) throw OrsaCtlException("Target name " + iqn + " is invalid");
   LogInfo("%s: Renaming target %s from %s to %s", kTag, alias.c_str(), t->t_name, iqn.c_str());
   std::vector<struct portal_group*> groups;
@@ -83,6 +87,8 @@ void AddNewTargetToConfFile(TargetCreateParam& param, bool& changed) {
   LogInfo("%s: Adding new target to conf file.", kTag);
   uint64_t generation = kNothingWritten;
   try {
+    // The name, the alias and the CHAP texts are written too.
+    Util::VerifyTargetParams(param);
     VerifyWrittenValues(param);
     ConfHandle handle(ConfHandle::kExclusive);
     struct conf* c = handle.GetConf();

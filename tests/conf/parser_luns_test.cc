@@ -113,6 +113,13 @@ TEST(ParserLuns, AddAndRemoveEntries) {
   again.path = uuid + "/other.pemo";
   EXPECT_EQ(ErrorOf([&] { Parser::AddNewLunToConfFile(again, changed); }),
             "LUN id 5 already exists for target t1");
+  LunInfo noPath = Ref("t1", 6);
+  EXPECT_EQ(ErrorOf([&] { Parser::AddNewLunToConfFile(noPath, changed); }),
+            "No backing disk path for LUN 6 of target t1");
+  noPath.path = uuid + "/quoted.pemo";
+  noPath.alias = "say \"hi\"";  // would not read back from the file
+  EXPECT_EQ(ErrorOf([&] { Parser::AddNewLunToConfFile(noPath, changed); }),
+            "'\"' not permitted in alias");
   again.targetAlias = "T1";
   EXPECT_EQ(ErrorOf([&] { Parser::AddNewLunToConfFile(again, changed); }), "Target T1 not found");
   EXPECT_TRUE(
