@@ -450,6 +450,9 @@ TEST(ConfGrammar, SyntaxErrorsNameTheLineAndDumpTheFile) {
       {"generation 1 \r timeout 5\n",
        "error in configuration file at line 1 near '\r': syntax error, unexpected STR"},
       {"\n\r\n\t\n generation 1 \r\n\r", "at line 5 near '\r': syntax error, unexpected STR"},
+      // Bytes above 127 are single-character tokens like any other character.
+      {"generation \xb1\n", "near '\xb1': invalid numeric value"},
+      {Target("alias \"\xff\" option k v\xc3\xa9"), "near '\xc3': syntax error, unexpected STR"},
       // A comma is a token of its own: the value is "a", then "," is one token too many.
       {Target("option k a,b"), "near ',': syntax error, unexpected STR"},
   });
