@@ -17,7 +17,6 @@ using kel::testing::PathExists;
 using kel::testing::ReadFile;
 using kel::testing::TempDir;
 using kel::testing::WriteFile;
-using testing::FaultFs;
 using testing::ScopedFaultFs;
 
 TEST(ObjectAttr, UsesXattrsWhereAvailableAndSidecarsElsewhere) {
@@ -89,52 +88,6 @@ TEST(LinuxFs, AtomicWriteReplacesWholeFileAndLeavesNoTemporary) {
   ASSERT_EQ(0, fs.ListDir(dir.path(), &names));
   EXPECT_EQ(std::vector<std::string>{"meta"}, names);
   EXPECT_EQ(ENOENT, fs.WriteFileAtomic(dir.Join("no/such/dir"), "x", 0600));
-}
-
-TEST(LinuxFs, LinksStatsAndPreallocation) {
-  TempDir dir;
-  Fs& fs = LinuxFs();
-  const std::string file = dir.Join("f");
-  ASSERT_EQ(0, fs.CreateFile(file, 0600));
-  EXPECT_EQ(EEXIST, fs.CreateFile(file, 0600));
-  ASSERT_EQ(0, fs.Truncate(file, 1 << 20));
-  ASSERT_EQ(0, fs.Fallocate(file, 0, 256 << 10));
-  FileInfo info;
-  ASSERT_EQ(0, fs.Stat(file, &info));
-  EXPECT_TRUE(info.isRegular);
-  EXPECT_EQ(uint64_t{1} << 20, info.size);  // reserving never changes the size
-  EXPECT_GE(info.allocatedBytes, uint64_t{256} << 10);
-
-  ASSERT_EQ(0, fs.Symlink("f", dir.Join("l")));
-  EXPECT_EQ(EEXIST, fs.Symlink("f", dir.Join("l")));
-  std::string text;
-  ASSERT_EQ(0, fs.ReadLink(dir.Join("l"), 36, &text));
-  EXPECT_EQ("f", text);
-  ASSERT_EQ(0, fs.Lstat(dir.Join("l"), &info));
-  EXPECT_TRUE(info.isLink);
-  ASSERT_EQ(0, fs.Symlink("gone", dir.Join("dangling")));
-  EXPECT_TRUE(fs.Exists(dir.Join("dangling")));  // the entry is there even if its target is not
-  EXPECT_EQ(ENOENT, fs.Stat(dir.Join("dangling"), &info));
-  EXPECT_EQ(EINVAL, fs.ReadLink(file, 36, &text));
-}
-
-TEST(FaultFs, FailsChosenCallsOnlyAndCountsThem) {
-  TempDir dir;
-  ScopedFaultFs scoped;
-  FaultFs& fs = scoped.fs();
-  fs.FailNext(FaultFs::Op::kMakeDir, EIO, 2, "/wanted");
-  EXPECT_EQ(0, GetFs().MakeDir(dir.Join("other"), 0700));  // path does not match
-  EXPECT_EQ(EIO, GetFs().MakeDir(dir.Join("wanted"), 0700));
-  EXPECT_EQ(EIO, GetFs().MakeDir(dir.Join("wanted"), 0700));
-  EXPECT_FALSE(PathExists(dir.Join("wanted")));
-  EXPECT_EQ(0, GetFs().MakeDir(dir.Join("wanted"), 0700));  // both failures used up
-  EXPECT_EQ(4, fs.Calls(FaultFs::Op::kMakeDir));
-
-  fs.FailNext(FaultFs::Op::kUnlink, EACCES, -1);
-  WriteFile(dir.Join("x"), "");
-  for (int i = 0; i < 3; ++i) EXPECT_EQ(EACCES, GetFs().Unlink(dir.Join("x")));
-  fs.ClearFaults();
-  EXPECT_EQ(0, GetFs().Unlink(dir.Join("x")));
 }
 
 }  // namespace

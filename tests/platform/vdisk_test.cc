@@ -201,17 +201,6 @@ TEST_F(VirtDiskTest, ExtentsListWrittenRangesInOrder) {
   EXPECT_EQ(VIRTDISK_E_BAD_PARAM, VirtDisk_EnumExtents(nullptr, collect, nullptr));
 }
 
-TEST(VirtDiskLib, InitAndExitPair) {
-  bool before = VirtDisk_IsInitialized();
-  ASSERT_EQ(VIRTDISK_OK, VirtDisk_Init());
-  ASSERT_EQ(VIRTDISK_OK, VirtDisk_Init());
-  EXPECT_TRUE(VirtDisk_IsInitialized());
-  VirtDisk_Exit();
-  EXPECT_TRUE(VirtDisk_IsInitialized());
-  VirtDisk_Exit();
-  EXPECT_EQ(before, VirtDisk_IsInitialized());
-}
-
 }  // namespace
 }  // namespace platform
 }  // namespace kel
