@@ -1,11 +1,19 @@
 #include "cli/cli_common.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
+#include <fstream>
 #include <iostream>
+#include <iterator>
+#include <sstream>
 
+#include "directory/config_cache.h"
 #include "platform/clog.h"
+#include "platform/directory.h"
 #include "platform/exception.h"
+#include "service/orsa_async_plugin.h"
 
 namespace kel {
 namespace cli {
@@ -33,6 +41,17 @@ class SinkRegistration : public kel::log::Sink {
   std::unique_ptr<kel::log::Sink> inner_;
 };
 
+// The program's help followed by the help of every verb of every noun, options included.
+std::string FullHelp(const CLI::App& app) {
+  std::string text = app.help();
+  for (const CLI::App* noun : app.get_subcommands({})) {
+    for (const CLI::App* verb : noun->get_subcommands({})) {
+      text += "\n" + verb->help(app.get_name() + " " + noun->get_name());
+    }
+  }
+  return text;
+}
+
 void PrintFailure(const std::string& message) {
   std::cout.flush();
   fflush(stdout);
@@ -50,9 +69,29 @@ const kel::platform::HostConfig& CliContext::Host() {
   if (!host_) {
     kel::platform::SetCurrentHostConfig(kel::platform::LoadHostConfig(configPath));
     host_ = kel::platform::CurrentHostConfig();
-    if (verbose) kel::log::InstallHostLog(host_->stateDir, true);
+    kel::log::InstallHostLog(host_->stateDir, verbose);
   }
   return *host_;
+}
+
+HostCtl::Orsa::IscsiTarget::OrsaIscsiTarget& CliContext::Service() {
+  if (!service_) {
+    Host();
+    NukCtl::Orsa::IscsiTarget::KelNukCtlInit();
+    service_ = HostCtl::OrsaAsyncPluginFactory::GetAsyncOrsaPlugin()->GetOrsaIscsiTarget();
+  }
+  return *service_;
+}
+
+void CliContext::Shutdown() {
+  if (!service_) return;
+  try {
+    service_.reset();
+    NukCtl::Orsa::IscsiTarget::KelNukCtlFini();
+    kel::platform::CloseDirectory();
+  } catch (const std::exception& e) {
+    fprintf(stderr, "kelctl: shutdown: %s\n", e.what());
+  }
 }
 
 void CliContext::MirrorLogsToStderr(int level) {
@@ -74,6 +113,11 @@ int Main(CLI::App& app, CliContext& ctx, int argc, char** argv) {
   try {
     app.parse(argc, argv);
   } catch (const CLI::CallForHelp& e) {
+    // The top-level help lists every noun, verb and option; a verb's help lists its own options.
+    if (app.get_subcommands().empty()) {
+      std::cout << FullHelp(app);
+      return 0;
+    }
     return app.exit(e);
   } catch (const CLI::CallForAllHelp& e) {
     return app.exit(e);
@@ -87,14 +131,22 @@ int Main(CLI::App& app, CliContext& ctx, int argc, char** argv) {
     PrintFailure("no command given");
     return 2;
   }
+  int status = 0;
+  std::string failure;
   try {
     ctx.action();
   } catch (const HostCtl::Lib::Orsa::OrsaCtlException& e) {
-    PrintFailure(e.GetMessage());
-    return 1;
+    failure = e.GetMessage();
+    status = 1;
   } catch (const std::exception& e) {
-    PrintFailure(e.what());
-    return 1;
+    failure = e.what();
+    status = 1;
+  }
+  // Shut down before the failure is printed, so that the message stays the last line on stderr.
+  ctx.Shutdown();
+  if (status != 0) {
+    PrintFailure(failure);
+    return status;
   }
   std::cout.flush();
   return 0;
@@ -122,6 +174,77 @@ void PrintTable(std::ostream& out, const std::vector<std::string>& headers,
 }
 
 void PrintJson(std::ostream& out, const nlohmann::json& doc) { out << doc.dump(2) << '\n'; }
+
+std::string OrDash(const std::string& s) { return s.empty() ? "-" : s; }
+
+std::string Join(const std::vector<std::string>& items) {
+  std::string out;
+  for (const auto& item : items) {
+    if (!out.empty()) out += ",";
+    out += item;
+  }
+  return OrDash(out);
+}
+
+namespace {
+
+std::string ReadSecretFile(const std::string& path, bool* stdinUsed) {
+  std::string text;
+  if (path == "-") {
+    if (*stdinUsed) throw CommandError("only one secret can be read from stdin");
+    *stdinUsed = true;
+    text.assign(std::istreambuf_iterator<char>(std::cin), std::istreambuf_iterator<char>());
+  } else {
+    std::ifstream in(path, std::ios::binary);
+    if (!in) throw CommandError("cannot read secret file " + path + ": " + strerror(errno));
+    std::ostringstream buffer;
+    buffer << in.rdbuf();
+    text = buffer.str();
+  }
+  if (!text.empty() && text.back() == '\n') text.pop_back();
+  return text;
+}
+
+}  // namespace
+
+bool AuthOptions::AnyGiven() const {
+  for (const CLI::Option* o : options) {
+    if (o->count() > 0) return true;
+  }
+  return false;
+}
+
+void AuthOptions::ResolveSecretFiles() {
+  bool stdinUsed = false;
+  if (!chapSecretFile.empty()) chapSecret = ReadSecretFile(chapSecretFile, &stdinUsed);
+  if (!mutualSecretFile.empty()) mutualSecret = ReadSecretFile(mutualSecretFile, &stdinUsed);
+}
+
+void AddAuthOptions(CLI::App* cmd, AuthOptions& auth) {
+  auth.options.push_back(cmd->add_option(
+      "--auth-type", auth.authType, "No-Authentication, CHAP or CHAP-Mutual (default: none)"));
+  auth.options.push_back(
+      cmd->add_option("--chap-user", auth.chapUser, "CHAP user name the initiator presents"));
+  CLI::Option* secret = cmd->add_option("--chap-secret", auth.chapSecret,
+                                        "CHAP secret (visible in the process list; prefer "
+                                        "--chap-secret-file)");
+  CLI::Option* secretFile = cmd->add_option(
+      "--chap-secret-file", auth.chapSecretFile,
+      "File holding the CHAP secret, '-' for stdin (one trailing newline is dropped)");
+  secret->excludes(secretFile);
+  auth.options.push_back(secret);
+  auth.options.push_back(secretFile);
+  auth.options.push_back(cmd->add_option("--mutual-user", auth.mutualUser,
+                                         "User name the target presents (CHAP-Mutual)"));
+  CLI::Option* mutual = cmd->add_option("--mutual-secret", auth.mutualSecret,
+                                        "Secret of the target's user (CHAP-Mutual)");
+  CLI::Option* mutualFile = cmd->add_option(
+      "--mutual-secret-file", auth.mutualSecretFile,
+      "File holding the mutual secret, '-' for stdin (one trailing newline is dropped)");
+  mutual->excludes(mutualFile);
+  auth.options.push_back(mutual);
+  auth.options.push_back(mutualFile);
+}
 
 }  // namespace cli
 }  // namespace kel

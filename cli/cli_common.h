@@ -18,6 +18,7 @@
 
 #include "platform/host_config.h"
 #include "platform/log.h"
+#include "service/orsa_iscsi_target.h"
 
 namespace kel {
 namespace cli {
@@ -35,9 +36,16 @@ struct CliContext {
 
   CLI::App* Noun(const std::string& name) const;
 
-  // The host configuration, loaded on first use (only commands that need the host call it). With
-  // -v it also installs the host log with a stderr mirror.
+  // The host configuration, loaded on first use (only commands that need the host call it). It
+  // also installs the host log (<stateDir>/log/kel.log and syslog), with -v mirrored on stderr.
   const kel::platform::HostConfig& Host();
+
+  // The management service, obtained through the plug-in factory on first use (after the load
+  // hook). Loads the host configuration first.
+  HostCtl::Orsa::IscsiTarget::OrsaIscsiTarget& Service();
+  // Releases the service and runs the unload hook and the directory's shutdown, if Service() was
+  // used. Never throws; Main() calls it after every command.
+  void Shutdown();
 
   // For offline commands: mirror C-side lines ("KELD: ...") on stderr at `level`, and with -v
   // service-side lines as well. Stays in effect until the program ends.
@@ -46,6 +54,7 @@ struct CliContext {
  private:
   std::shared_ptr<const kel::platform::HostConfig> host_;
   std::vector<std::unique_ptr<kel::log::Sink>> sinks_;
+  std::shared_ptr<HostCtl::Orsa::IscsiTarget::OrsaIscsiTarget> service_;
 };
 
 // A failure of a command whose message is shown as is.
@@ -67,6 +76,35 @@ void PrintTable(std::ostream& out, const std::vector<std::string>& headers,
                 const std::vector<std::vector<std::string>>& rows);
 // Prints one JSON document, indented, followed by a newline.
 void PrintJson(std::ostream& out, const nlohmann::json& doc);
+
+// "-" for an empty cell.
+std::string OrDash(const std::string& s);
+// Items joined by ","; "-" for none.
+std::string Join(const std::vector<std::string>& items);
+
+// The CHAP options shared by namespace create, defaults set, target add and target update:
+//   --auth-type T --chap-user U --chap-secret S | --chap-secret-file F
+//   --mutual-user U --mutual-secret S | --mutual-secret-file F
+// A secret file "-" is stdin; one trailing newline of a file's contents is dropped. Values are
+// handed to the service as given.
+struct AuthOptions {
+  std::string authType;
+  std::string chapUser;
+  std::string chapSecret;
+  std::string chapSecretFile;
+  std::string mutualUser;
+  std::string mutualSecret;
+  std::string mutualSecretFile;
+
+  // Whether any of the options was given on the command line.
+  bool AnyGiven() const;
+  // Reads the secret files into chapSecret / mutualSecret. Throws CommandError when a file cannot
+  // be read or stdin is asked for twice.
+  void ResolveSecretFiles();
+
+  std::vector<CLI::Option*> options;  // as added, for AnyGiven()
+};
+void AddAuthOptions(CLI::App* cmd, AuthOptions& auth);
 
 }  // namespace cli
 }  // namespace kel

@@ -3,8 +3,11 @@
 #pragma once
 
 #include <CLI/CLI.hpp>
+#include <ostream>
+#include <vector>
 
 #include "cli/cli_common.h"
+#include "service/records.h"
 
 namespace kel {
 namespace cli {
@@ -14,6 +17,19 @@ namespace cli {
 CLI::App* AddConfCommands(CLI::App& app, CliContext& ctx);
 // "conf show [FILE] [--json]": the records of a kel.conf file (cli/conf_show_cmd.cc).
 void AddConfShowCommand(CLI::App& app, CliContext& ctx);
+
+// Nouns on the management service (obtained through the plug-in factory, ctx.Service()).
+void AddServiceCommands(CLI::App& app, CliContext& ctx);          // cli/service_cmd.cc
+void AddNamespaceCommands(CLI::App& app, CliContext& ctx);        // cli/namespace_cmd.cc
+void AddDefaultsCommands(CLI::App& app, CliContext& ctx);         // cli/defaults_cmd.cc
+void AddTargetCommands(CLI::App& app, CliContext& ctx);           // cli/target_cmd.cc
+void AddLunCommands(CLI::App& app, CliContext& ctx);              // cli/lun_cmd.cc
+void AddInitiatorGroupCommands(CLI::App& app, CliContext& ctx);   // cli/initiator_group_cmd.cc
+
+// One row per LUN, with its NAA identifier (cli/lun_cmd.cc); the compliance column is "-" unless
+// the records were queried for it.
+void PrintLunTable(std::ostream& out, const std::vector<HostCtl::Orsa::IscsiTarget::LunInfo>& luns,
+                   bool withCompliance);
 
 }  // namespace cli
 }  // namespace kel

@@ -17,6 +17,12 @@ int main(int argc, char** argv) {
 
   kel::cli::AddConfCommands(app, ctx);
   kel::cli::AddConfShowCommand(app, ctx);
+  kel::cli::AddServiceCommands(app, ctx);
+  kel::cli::AddNamespaceCommands(app, ctx);
+  kel::cli::AddDefaultsCommands(app, ctx);
+  kel::cli::AddTargetCommands(app, ctx);
+  kel::cli::AddLunCommands(app, ctx);
+  kel::cli::AddInitiatorGroupCommands(app, ctx);
 
   return kel::cli::Main(app, ctx, argc, argv);
 }

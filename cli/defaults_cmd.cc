@@ -1,0 +1,79 @@
+// kelctl defaults show | set: the cluster-wide defaults that new targets inherit. Secrets are
+// never printed.
+#include <iostream>
+#include <memory>
+
+#include "cli/commands.h"
+#include "service/records_json.h"
+
+namespace kel {
+namespace cli {
+
+namespace {
+
+using HostCtl::Orsa::IscsiTarget::DefaultInfo;
+
+struct SetOptions {
+  std::string interface;
+  int port = 3260;
+  CLI::Option* interfaceOption = nullptr;
+  CLI::Option* portOption = nullptr;
+  AuthOptions auth;
+};
+
+void Show(CliContext& ctx) {
+  DefaultInfo d = ctx.Service().GetDefaultInfo();
+  // The service never returns them; cleared again so that no future change can leak them here.
+  d.chapSecret.clear();
+  d.mutualChapSecret.clear();
+  if (ctx.json) {
+    PrintJson(std::cout, nlohmann::json(d));
+    return;
+  }
+  PrintTable(std::cout, {"INTERFACE", "PORT", "AUTH", "USER", "MUTUAL-USER"},
+             {{OrDash(d.networkInterface), std::to_string(d.port), OrDash(d.authType),
+               OrDash(d.chapName), OrDash(d.mutualChapName)}});
+}
+
+// Options not given keep their current values: an empty interface and an empty auth type mean
+// "keep" to the service; a port alone is applied to the current interface, an interface alone
+// keeps the current port.
+void Set(CliContext& ctx, SetOptions& o) {
+  o.auth.ResolveSecretFiles();
+  DefaultInfo info;
+  const bool interfaceGiven = o.interfaceOption->count() > 0;
+  const bool portGiven = o.portOption->count() > 0;
+  if (interfaceGiven || portGiven) {
+    const DefaultInfo current = ctx.Service().GetDefaultInfo();
+    info.networkInterface = interfaceGiven ? o.interface : current.networkInterface;
+    info.port = portGiven ? o.port : current.port;
+  }
+  info.authType = o.auth.authType;
+  info.chapName = o.auth.chapUser;
+  info.chapSecret = o.auth.chapSecret;
+  info.mutualChapName = o.auth.mutualUser;
+  info.mutualChapSecret = o.auth.mutualSecret;
+  ctx.Service().UpdateDefaultConfig(info);
+}
+
+}  // namespace
+
+void AddDefaultsCommands(CLI::App& app, CliContext& ctx) {
+  CLI::App* noun = AddNoun(app, ctx, "defaults", "Cluster-wide defaults of new targets");
+
+  CLI::App* show = noun->add_subcommand("show", "Print the defaults (never their secrets)");
+  show->add_flag("--json", ctx.json, "Print the record as JSON (secrets always empty)");
+  show->callback([&ctx] { ctx.action = [&ctx] { Show(ctx); }; });
+
+  auto set = std::make_shared<SetOptions>();
+  CLI::App* cmd = noun->add_subcommand(
+      "set", "Change the defaults; options not given keep their current values");
+  set->interfaceOption =
+      cmd->add_option("--interface", set->interface, "Default network interface");
+  set->portOption = cmd->add_option("--port", set->port, "Default TCP port");
+  AddAuthOptions(cmd, set->auth);
+  cmd->callback([&ctx, set] { ctx.action = [&ctx, set] { Set(ctx, *set); }; });
+}
+
+}  // namespace cli
+}  // namespace kel
