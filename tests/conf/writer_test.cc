@@ -406,7 +406,9 @@ TEST(ConfWriter, WriteReadWriteIsAFixedPoint) {
       if (a == nullptr) continue;
       EXPECT_EQ(ag->ag_type, back->ag_type);
       EXPECT_STREQ(a->a_secret, b->a_secret);
-      if (a->a_mutual_secret != nullptr) EXPECT_STREQ(a->a_mutual_secret, b->a_mutual_secret);
+      if (a->a_mutual_secret != nullptr) {
+        EXPECT_STREQ(a->a_mutual_secret, b->a_mutual_secret);
+      }
     }
     struct target* t;
     TAILQ_FOREACH(t, &model->conf_targets, t_next) {
@@ -414,7 +416,9 @@ TEST(ConfWriter, WriteReadWriteIsAFixedPoint) {
       ASSERT_NE(back, nullptr);
       for (int i = 0; i < MAX_LUNS; i++) {
         ASSERT_EQ(t->t_luns[i] == nullptr, back->t_luns[i] == nullptr) << t->t_name << " " << i;
-        if (t->t_luns[i] != nullptr) EXPECT_EQ(back->t_luns[i]->l_size, t->t_luns[i]->l_size);
+        if (t->t_luns[i] != nullptr) {
+          EXPECT_EQ(back->t_luns[i]->l_size, t->t_luns[i]->l_size);
+        }
       }
     }
   }
