@@ -13,6 +13,7 @@
 #include "directory/config_entry.h"
 #include "directory/lun_paths.h"
 #include "host/daemon_control.h"
+#include "host/service_state.h"
 #include "host/validation.h"
 #include "platform/clog.h"
 #include "platform/exception.h"
@@ -404,7 +405,11 @@ void ApplyConfigChange(uint64_t generation) {
     }
   } dropCache;
   DoActionForConfigChange(generation);
-  ReloadKeld();
+  // A host whose service is disabled runs no daemon (the namespace is created before the service
+  // is enabled): there is nothing to reload, and asking would fail.
+  bool enabled = false;
+  LoadConfig(enabled);
+  if (enabled) ReloadKeld();
 }
 
 }  // namespace Util

@@ -198,9 +198,9 @@ HostCtl::Orsa::IscsiTarget::DefaultInfo GetDefaultInfo(bool withSecrets);
 namespace Util {
 
 // The change action after this host wrote kel.conf with `generation`: publish the generation in
-// the directory (DoActionForConfigChange), make the local daemon reload (ReloadKeld; its failure
-// propagates), and drop the cached configuration, which is dropped also when one of the first two
-// throws. All ones: nothing was written, nothing to do. Call it after the handle is destroyed, so
+// the directory (DoActionForConfigChange), make the local daemon reload (ReloadKeld, only while
+// the service is enabled on this host; its failure propagates), and drop the cached
+// configuration, which is dropped also when one of the first two throws. All ones: nothing was written, nothing to do. Call it after the handle is destroyed, so
 // that the daemon can read the file.
 void ApplyConfigChange(uint64_t generation);
 

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "service/records.h"
+#include "service/orsa_iscsi_target.h"
 
 namespace NukCtl {
 namespace Orsa {

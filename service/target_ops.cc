@@ -11,6 +11,7 @@
 #include "directory/config_entry.h"
 #include "directory/host_queries.h"
 #include "host/daemon_control.h"
+#include "host/service_state.h"
 #include "host/validation.h"
 #include "placement/affinity.h"
 #include "platform/clock.h"
@@ -48,7 +49,10 @@ uint64_t WriteAndPublish(ConfHandle& handle) {
 
 void ReloadAfterWrite() {
   ConfigCache::CleanupCachedConfig();
-  Util::ReloadKeld();
+  // As in Util::ApplyConfigChange: no daemon runs where the service is disabled.
+  bool enabled = false;
+  Util::LoadConfig(enabled);
+  if (enabled) Util::ReloadKeld();
 }
 
 TargetCreateParam KeepParamsOf(const TargetInfo& target) {

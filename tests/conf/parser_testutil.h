@@ -22,6 +22,7 @@
 #include "platform/exception.h"
 #include "platform/exec.h"
 #include "platform/host_config.h"
+#include "platform/settings.h"
 #include "storage/namespace.h"
 #include "storage/paths.h"
 #include "tests/support/test_support.h"
@@ -71,6 +72,8 @@ class ParserEnv {
               0700);
     c.daemonControl = platform::ShellQuote(script);
     platform::SetCurrentHostConfig(c);
+    // The change action reloads the daemon only where the service is enabled.
+    platform::UpdateSettings([](platform::Settings& s) { s.serviceEnabled = true; });
     platform::CloseDirectory();
     IT::ConfigCache::CleanupCachedConfig();
     IT::Util::CreateNamespaceDir("");
