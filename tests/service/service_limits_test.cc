@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include "platform/log.h"
 #include "tests/service/service_env.h"
 
 namespace kel {
@@ -72,12 +73,16 @@ class ServiceLimits : public ::testing::Test {
 
 TEST_F(ServiceLimits, TheHundredTwentyNinthTargetLeavesNoNamespaceBehind) {
   Install(AtLimitConf(128, 0, 0, 0));
+  log::LogCapture capture;
   ExpectRefusedUnchanged(
       [&] {
         TargetCreateParam p = NewTarget("one-more");
         svc_->AddTarget(p);
       },
       "Limit on total number of targets (128) has been reached.");
+  // The namespace had been made before the file refused the target.
+  EXPECT_TRUE(capture.Contains("Add target one-more failed: Limit on total number of targets "
+                               "(128) has been reached. rollback by deleting target namespace"));
   EXPECT_EQ(svc_->GetTargets(true, false).size(), 128u);
 }
 

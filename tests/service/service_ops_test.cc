@@ -225,7 +225,21 @@ TEST_F(ServiceOps, UpdateKeepsWhatIsNotGivenAndRemoveGoesOfflineFirst) {
   platform::ObjectOwner owner;
   ASSERT_EQ(platform::GetDirectory()->GetObjectOwner(uuid, &owner), NUK_OK);
   EXPECT_EQ(owner.hostUuid, kHostUuid);
+  log::LogCapture capture;
   svc_->RemoveTarget("t1");
+  // Offline (written and reloaded) before the namespace goes.
+  std::vector<std::string> order;
+  for (const auto& r : capture.Records()) {
+    if (r.text.find("Updating target t1 status to offline") != std::string::npos ||
+        r.text.find("Delete target namespace") != std::string::npos ||
+        r.text.find("Removing target alias t1") != std::string::npos) {
+      order.push_back(r.text);
+    }
+  }
+  ASSERT_EQ(order.size(), 3u) << capture.Joined();
+  EXPECT_NE(order[0].find("status to offline"), std::string::npos);
+  EXPECT_NE(order[1].find("Delete target namespace"), std::string::npos);
+  EXPECT_NE(order[2].find("Removing target alias t1"), std::string::npos);
   EXPECT_FALSE(PathExists(env_.datastore() + "/" + uuid));
   EXPECT_FALSE(PathExists(Kel::Util::GetTargetsDirPath() + "/" + uuid));
   model = ReadModel();
@@ -444,6 +458,25 @@ TEST_F(ServiceOps, LunSizesIdChangesAndMovesBetweenTargets) {
   EXPECT_TRUE(PathExists(moved.path));
   EXPECT_FALSE(PathExists(oldPath));
 
+  // A policy given on update reaches the disk; an empty one leaves it alone.
+  LunInfo withPolicy;
+  withPolicy.id = 0;
+  withPolicy.targetAlias = "t1";
+  withPolicy.storagePolicy = "((\"proportionalCapacity\" i5))";
+  svc_->UpdateLun(withPolicy, -1, "", true);
+  std::vector<LunInfo> checked;
+  svc_->GetLuns("t1", checked, true);
+  EXPECT_EQ(checked[0].storagePolicy, "((\"proportionalCapacity\" i5))");
+  LunInfo aliasOnly;
+  aliasOnly.id = 0;
+  aliasOnly.targetAlias = "t1";
+  aliasOnly.alias = "renamed";
+  svc_->UpdateLun(aliasOnly, -1, "", true);
+  checked.clear();
+  svc_->GetLuns("t1", checked, true);
+  EXPECT_EQ(checked[0].alias, "renamed");
+  EXPECT_EQ(checked[0].storagePolicy, "((\"proportionalCapacity\" i5))");
+
   // Grow, then removal of a LUN whose disk is already gone removes the entry with a warning.
   LunInfo grow;
   grow.id = 0;
@@ -579,6 +612,21 @@ TEST(ServiceObject, SingletonConstructionAndDestruction) {
   made.reset();
   EXPECT_EQ(capture.Count("Destructing OrsaIscsiTargetImpl()"), 1u);
   EXPECT_FALSE(capture.Contains("De-initializing"));
+}
+
+TEST(ServiceObject, LunsGetNoNaaWhenTheOptionIsOff) {
+  ServiceEnv env(false);
+  auto svc = NewService();
+  ServiceEnv::Ready(*svc);
+  TargetCreateParam t = NewTarget("t1");
+  svc->AddTarget(t);
+  LunInfo lun;
+  lun.targetAlias = "t1";
+  lun.sizeText = "1MiB";
+  svc->AddLun(lun);
+  EXPECT_EQ(lun.naa, "");
+  EXPECT_EQ(svc->GetLunInfo("t1", 0).naa, "");
+  EXPECT_EQ(env.ConfText().find("naa"), std::string::npos);
 }
 
 TEST(ServiceObject, DefaultIqnIsValidCurrentAndUnique) {
