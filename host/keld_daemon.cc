@@ -1,0 +1,406 @@
+#include "host/keld_daemon.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/signalfd.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+
+#include "host/keld_disk_lock.h"
+#include "host/keld_reconciler.h"
+#include "host/keld_status.h"
+#include "host/tgt_exec.h"
+#include "host/tgtd_supervisor.h"
+#include "platform/clog.h"
+#include "platform/exception.h"
+#include "platform/log.h"
+
+namespace kel {
+namespace keld {
+namespace {
+
+using HostCtl::Lib::Orsa::OrsaCtlException;
+using nlohmann::json;
+
+const char kTag[] = "keld";
+const int kRequestTimeoutMs = 5000;
+const int kTgtdRetryMs = 5000;
+const size_t kMaxRequest = 1 << 16;
+
+bool FillAddress(const std::string& path, sockaddr_un* addr, std::string* error) {
+  *addr = {};
+  addr->sun_family = AF_UNIX;
+  if (path.size() >= sizeof(addr->sun_path)) {
+    *error = "socket path " + path + " is too long";
+    return false;
+  }
+  memcpy(addr->sun_path, path.c_str(), path.size() + 1);
+  return true;
+}
+
+// Reads up to the first newline (or EOF), waiting at most `timeout_ms` for each piece.
+bool ReadLine(int fd, int timeout_ms, std::string* line) {
+  line->clear();
+  char buf[4096];
+  while (line->find('\n') == std::string::npos && line->size() < kMaxRequest * 64) {
+    pollfd p = {fd, POLLIN, 0};
+    int n = poll(&p, 1, timeout_ms);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return false;
+    ssize_t r = read(fd, buf, sizeof(buf));
+    if (r < 0 && errno == EINTR) continue;
+    if (r <= 0) break;
+    line->append(buf, static_cast<size_t>(r));
+  }
+  size_t nl = line->find('\n');
+  if (nl != std::string::npos) line->resize(nl);
+  return !line->empty();
+}
+
+// Sockets are written with MSG_NOSIGNAL so that a client that went away cannot kill us; the
+// start-up report goes to a pipe, where send() does not work.
+void WriteAll(int fd, const std::string& text, bool socket = true) {
+  size_t done = 0;
+  while (done < text.size()) {
+    ssize_t w = socket ? send(fd, text.data() + done, text.size() - done, MSG_NOSIGNAL)
+                       : write(fd, text.data() + done, text.size() - done);
+    if (w < 0 && errno == EINTR) continue;
+    if (w <= 0) return;  // the client went away; nothing to tell it
+    done += static_cast<size_t>(w);
+  }
+}
+
+json OutcomeReply(const std::vector<Problem>& problems) {
+  return {{"code", static_cast<int>(OutcomeOf(problems))}, {"problems", ProblemsToJson(problems)}};
+}
+
+void LogProblems(const std::vector<Problem>& problems) {
+  for (const Problem& p : problems) {
+    LogError("%s: %s%s\n", kTag, p.target.empty() ? "" : (p.target + ": ").c_str(),
+             p.message.c_str());
+  }
+}
+
+class Daemon {
+ public:
+  explicit Daemon(DaemonOptions options)
+      : options_(std::move(options)),
+        supervisor_(TgtdOptions{options_.stateDir, options_.controlIndex, options_.tgtdProgram,
+                                options_.tgtadmProgram, options_.tgtdSocketDir}),
+        resolver_(options_.resolver ? std::move(options_.resolver)
+                                    : std::make_unique<LocalPortalResolver>()) {}
+
+  ~Daemon() {
+    if (listen_fd_ >= 0) {
+      close(listen_fd_);
+      unlink(KeldSocketPath(options_.stateDir).c_str());
+    }
+    if (signal_fd_ >= 0) close(signal_fd_);
+    if (lock_fd_ >= 0) {
+      unlink(KeldPidPath(options_.stateDir).c_str());
+      close(lock_fd_);
+    }
+    if (options_.readyFd >= 0) close(options_.readyFd);
+  }
+
+  int Run();
+
+ private:
+  bool Prepare(Problem* problem);
+  bool StartTgtd(Problem* problem);
+  bool Load(DesiredState* desired, std::vector<Problem>* problems);
+  std::vector<Problem> Reconcile();
+  std::vector<Problem> Stop();
+  void Ready(const std::vector<Problem>& problems);
+  void HandleClient();
+  json StatusReply();
+
+  DaemonOptions options_;
+  TgtdSupervisor supervisor_;
+  std::unique_ptr<PortalResolver> resolver_;
+  OfdDiskLocker locker_;
+  std::unique_ptr<KeldReconciler> reconciler_;
+  int lock_fd_ = -1;
+  int listen_fd_ = -1;
+  int signal_fd_ = -1;
+  bool stopping_ = false;
+  std::vector<Problem> last_problems_;
+};
+
+bool Daemon::Prepare(Problem* problem) {
+  const std::string& dir = options_.stateDir;
+  mkdir(dir.c_str(), 0755);
+  mkdir(KeldRunDir(dir).c_str(), 0755);
+  lock_fd_ = open(KeldLockPath(dir).c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+  struct flock fl = {};
+  fl.l_type = F_WRLCK;
+  fl.l_whence = SEEK_SET;
+  if (lock_fd_ < 0 || fcntl(lock_fd_, F_OFD_SETLK, &fl) != 0) {
+    int err = errno;
+    if (lock_fd_ >= 0) close(lock_fd_);
+    lock_fd_ = -1;
+    *problem = {Outcome::kFailure, "",
+                err == EAGAIN || err == EACCES ? "keld is already running for " + dir
+                                               : "cannot lock " + KeldLockPath(dir) + ": " +
+                                                     ErrnoText(err)};
+    return false;
+  }
+  std::ofstream(KeldPidPath(dir)) << getpid() << "\n";
+
+  sigset_t set;
+  sigemptyset(&set);
+  sigaddset(&set, SIGTERM);
+  sigaddset(&set, SIGINT);
+  sigaddset(&set, SIGHUP);
+  sigprocmask(SIG_BLOCK, &set, nullptr);
+  signal(SIGPIPE, SIG_IGN);
+  signal_fd_ = signalfd(-1, &set, SFD_CLOEXEC);
+
+  std::string path = KeldSocketPath(dir);
+  sockaddr_un addr;
+  std::string error;
+  if (!FillAddress(path, &addr, &error)) {
+    *problem = {Outcome::kFailure, "", error};
+    return false;
+  }
+  unlink(path.c_str());  // a leftover of a daemon that died; we hold the lock
+  listen_fd_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (listen_fd_ < 0 || bind(listen_fd_, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0 ||
+      chmod(path.c_str(), 0600) != 0 || listen(listen_fd_, 16) != 0) {
+    *problem = {Outcome::kFailure, "", "cannot listen on " + path + ": " + ErrnoText(errno)};
+    return false;
+  }
+  return true;
+}
+
+bool Daemon::Load(DesiredState* desired, std::vector<Problem>* problems) {
+  try {
+    *desired = options_.source->Load();
+    return true;
+  } catch (const OrsaCtlException& e) {
+    // Serving on with what tgtd has beats withdrawing everything over an unreadable source.
+    problems->push_back({Outcome::kFailure, "", e.GetMessage()});
+    return false;
+  }
+}
+
+bool Daemon::StartTgtd(Problem* problem) {
+  DesiredState desired;
+  std::vector<Problem> ignored;
+  ResolvedPortal first;
+  std::string portal;
+  if (Load(&desired, &ignored) && FirstPortal(desired, *resolver_, &first)) portal = first.text;
+  reconciler_.reset();
+  if (!supervisor_.Start(portal, problem)) return false;
+  reconciler_ = std::make_unique<KeldReconciler>(supervisor_.admin(), locker_, *resolver_);
+  return true;
+}
+
+std::vector<Problem> Daemon::Reconcile() {
+  DesiredState desired;
+  std::vector<Problem> problems;
+  if (!reconciler_) {
+    problems.push_back({Outcome::kFailure, "", "tgtd is not running"});
+  } else if (Load(&desired, &problems)) {
+    ReconcileResult r = reconciler_->Apply(desired);
+    problems.insert(problems.end(), r.problems.begin(), r.problems.end());
+    if (r.changes > 0) LogInfo("%s: Applied %d changes to tgtd\n", kTag, r.changes);
+  }
+  LogProblems(problems);
+  last_problems_ = problems;
+  return problems;
+}
+
+std::vector<Problem> Daemon::Stop() {
+  std::vector<Problem> problems;
+  std::string error;
+  if (!supervisor_.Stop(&error)) problems.push_back({Outcome::kFailure, "", error});
+  reconciler_.reset();
+  // tgtd has closed every disk: let whoever waits to remove one go ahead.
+  for (const std::string& path : locker_.Held()) locker_.Unlock(path);
+  LogInfo("%s: Stopped serving\n", kTag);
+  return problems;
+}
+
+void Daemon::Ready(const std::vector<Problem>& problems) {
+  if (options_.readyFd < 0) return;
+  WriteAll(options_.readyFd, OutcomeReply(problems).dump() + "\n", false);
+  close(options_.readyFd);
+  options_.readyFd = -1;
+}
+
+json Daemon::StatusReply() {
+  ServedStatus status;
+  status.running = true;
+  status.daemonPid = static_cast<int>(getpid());
+  status.tgtdPid = static_cast<int>(supervisor_.pid());
+  status.controlIndex = supervisor_.controlIndex();
+  status.source = options_.source->Describe();
+  status.problems = last_problems_;
+  std::string error;
+  if (!reconciler_) {
+    status.problems.push_back({Outcome::kFailure, "", "tgtd is not running"});
+  } else if (!reconciler_->Status(&status, &error)) {
+    status.problems.push_back({Outcome::kFailure, "", error});
+  }
+  return {{"code", 0}, {"status", StatusToJson(status)}};
+}
+
+void Daemon::HandleClient() {
+  int fd = accept4(listen_fd_, nullptr, nullptr, SOCK_CLOEXEC);
+  if (fd < 0) return;
+  std::string line;
+  json reply;
+  if (!ReadLine(fd, kRequestTimeoutMs, &line)) {
+    close(fd);
+    return;
+  }
+  std::string command;
+  try {
+    command = json::parse(line).value("command", "");
+  } catch (const json::exception&) {
+    command.clear();
+  }
+  if (command == "reload") {
+    reply = OutcomeReply(Reconcile());
+  } else if (command == "status") {
+    reply = StatusReply();
+  } else if (command == "stop") {
+    reply = OutcomeReply(Stop());
+    stopping_ = true;
+  } else {
+    reply = OutcomeReply({{Outcome::kFailure, "", "unknown request: " + line}});
+  }
+  WriteAll(fd, reply.dump() + "\n");
+  close(fd);
+}
+
+int Daemon::Run() {
+  // tgtd must not inherit the start-up report's pipe, or restart would wait for tgtd's exit.
+  if (options_.readyFd >= 0) fcntl(options_.readyFd, F_SETFD, FD_CLOEXEC);
+  mkdir(options_.stateDir.c_str(), 0755);
+  log::InstallHostLog(options_.stateDir, false);
+  log_init(4);
+  Problem problem;
+  if (!Prepare(&problem) || !StartTgtd(&problem)) {
+    LogProblems({problem});
+    fprintf(stderr, "%s\n", problem.message.c_str());
+    Ready({problem});
+    return static_cast<int>(problem.code);
+  }
+  LogInfo("%s: Serving from %s\n", kTag, options_.source->Describe().c_str());
+  Ready(Reconcile());
+
+  using Clock = std::chrono::steady_clock;
+  const auto interval = std::chrono::milliseconds(std::max(options_.reconcileIntervalMs, 100));
+  auto next_reconcile = Clock::now() + interval;
+  auto next_tgtd_start = Clock::now();
+  while (!stopping_) {
+    auto wait = std::chrono::duration_cast<std::chrono::milliseconds>(next_reconcile - Clock::now());
+    int timeout = static_cast<int>(std::min<int64_t>(std::max<int64_t>(wait.count(), 0), 1000));
+    pollfd fds[2] = {{listen_fd_, POLLIN, 0}, {signal_fd_, POLLIN, 0}};
+    int n = poll(fds, 2, timeout);
+    if (n < 0 && errno != EINTR) {
+      LogError("%s: poll: %s\n", kTag, ErrnoText(errno).c_str());
+      break;
+    }
+    if (n > 0 && (fds[1].revents & POLLIN) != 0) {
+      signalfd_siginfo info;
+      if (read(signal_fd_, &info, sizeof(info)) == sizeof(info)) {
+        if (info.ssi_signo == SIGHUP) {
+          Reconcile();
+        } else {
+          LogInfo("%s: Stopping on signal %u\n", kTag, info.ssi_signo);
+          Stop();
+          break;
+        }
+      }
+    }
+    if (n > 0 && (fds[0].revents & POLLIN) != 0) HandleClient();
+    if (stopping_) break;
+
+    if (reconciler_ && !supervisor_.Alive()) {
+      reconciler_.reset();
+      next_tgtd_start = Clock::now();
+    }
+    if (!reconciler_ && Clock::now() >= next_tgtd_start) {
+      if (StartTgtd(&problem)) {
+        Reconcile();
+        next_reconcile = Clock::now() + interval;
+      } else {
+        LogProblems({problem});
+        last_problems_ = {problem};
+        next_tgtd_start = Clock::now() + std::chrono::milliseconds(kTgtdRetryMs);
+      }
+    }
+    if (Clock::now() >= next_reconcile) {
+      if (reconciler_) Reconcile();
+      next_reconcile = Clock::now() + interval;
+    }
+  }
+  return 0;
+}
+
+}  // namespace
+
+std::string KeldRunDir(const std::string& state_dir) { return state_dir + "/run"; }
+std::string KeldSocketPath(const std::string& state_dir) { return state_dir + "/run/keld.sock"; }
+std::string KeldPidPath(const std::string& state_dir) { return state_dir + "/run/keld.pid"; }
+std::string KeldLockPath(const std::string& state_dir) { return state_dir + "/run/keld.lock"; }
+
+int RunKeldDaemon(DaemonOptions options) {
+  Daemon daemon(std::move(options));
+  return daemon.Run();
+}
+
+bool KeldRequest(const std::string& state_dir, const json& request, json* reply,
+                 std::string* error, bool* not_running) {
+  *not_running = false;
+  sockaddr_un addr;
+  if (!FillAddress(KeldSocketPath(state_dir), &addr, error)) return false;
+  int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (fd < 0) {
+    *error = "socket: " + ErrnoText(errno);
+    return false;
+  }
+  if (connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0) {
+    int err = errno;
+    close(fd);
+    if (err == ENOENT || err == ECONNREFUSED) {
+      *not_running = true;
+      *error = "keld is not running";
+    } else {
+      *error = "cannot reach keld: " + ErrnoText(err);
+    }
+    return false;
+  }
+  WriteAll(fd, request.dump() + "\n");
+  std::string line;
+  // A reconcile of a large state takes a while; a daemon that never answers is a failure.
+  bool got = ReadLine(fd, 30 * 60 * 1000, &line);
+  close(fd);
+  if (!got) {
+    *error = "keld did not answer";
+    return false;
+  }
+  try {
+    *reply = json::parse(line);
+  } catch (const json::exception& e) {
+    *error = std::string("keld answered with something unreadable: ") + e.what();
+    return false;
+  }
+  return true;
+}
+
+}  // namespace keld
+}  // namespace kel

@@ -1,0 +1,54 @@
+// The keld daemon: supervises one tgtd, keeps it serving the desired state, and answers the
+// control program on a unix socket.
+//
+// Files under <stateDir>/run: keld.lock (held with an OFD lock while a daemon runs, so there is
+// one per state directory), keld.pid, keld.sock (mode 0600), and tgtd's pid file.
+//
+// Protocol on keld.sock: one JSON request line, one JSON reply line, then the connection closes.
+//   {"command":"reload"} -> {"code":N,"problems":[...]}  after the reconcile has finished
+//   {"command":"status"} -> {"code":0,"status":{...}}     (host/keld_status.h)
+//   {"command":"stop"}   -> {"code":N,"problems":[...]}  after tgtd has stopped; the daemon exits
+// Codes are the Outcome values. Requests are served one at a time, in order.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "host/keld_portal.h"
+#include "host/keld_state.h"
+
+namespace kel {
+namespace keld {
+
+std::string KeldRunDir(const std::string& state_dir);
+std::string KeldSocketPath(const std::string& state_dir);
+std::string KeldPidPath(const std::string& state_dir);
+std::string KeldLockPath(const std::string& state_dir);
+
+struct DaemonOptions {
+  std::string stateDir;
+  int controlIndex = 0;  // tgtd's -C; 0 chooses one
+  std::unique_ptr<DesiredStateSource> source;
+  std::unique_ptr<PortalResolver> resolver;  // null: LocalPortalResolver
+  int reconcileIntervalMs = 30000;           // periodic reconcile
+  int readyFd = -1;  // gets {"code":N,"problems":[...]} once started and the state is applied
+  std::string tgtdProgram = "tgtd";
+  std::string tgtadmProgram = "tgtadm";
+  std::string tgtdSocketDir = "/run/tgtd";
+};
+
+// Runs the daemon until it is told to stop (request or SIGTERM/SIGINT; SIGHUP reconciles).
+// Returns the exit code: 0 after a stop, or the Outcome of a failed start.
+int RunKeldDaemon(DaemonOptions options);
+
+// Client side: sends one request to the daemon of `state_dir` and reads its reply. Returns false
+// with `*error` set when no daemon answers ("keld is not running") or the exchange fails.
+// `*not_running` tells the first case apart.
+bool KeldRequest(const std::string& state_dir, const nlohmann::json& request,
+                 nlohmann::json* reply, std::string* error, bool* not_running);
+
+}  // namespace keld
+}  // namespace kel

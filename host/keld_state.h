@@ -1,0 +1,128 @@
+// What keld is asked to serve: the desired state, the source it comes from, and the outcome
+// codes that keld's commands report.
+//
+// The desired state is plain data, independent of where it was read from. A DesiredStateSource
+// produces it; the reconciler (host/keld_reconciler.h) makes tgtd serve it. Sources:
+//  - JsonFileStateSource (host/keld_json_source.h): a JSON file, used by tests and benchmarks.
+//  - the kel.conf source (to come): reads kel.conf under the shared lock, keeps the targets this
+//    host owns and fills DesiredPortal::ownerHostUuid so that a directory-backed PortalResolver can
+//    turn the interface into the owner's address. It implements DesiredStateSource and is handed
+//    to the daemon by MakeDefaultStateSource(); the reconciler does not change for it.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace kel {
+namespace keld {
+
+// Outcome codes of keld's commands, also used as the program's exit codes.
+enum class Outcome : int {
+  kOk = 0,
+  kReservation = 1,  // a resource could not be obtained: tgtd's control index, a portal address
+  kFailure = 2,      // anything else
+};
+
+// One thing that went wrong while starting or reconciling. `target` is the IQN it concerns, or
+// empty for daemon-wide problems.
+struct Problem {
+  Outcome code = Outcome::kFailure;
+  std::string target;
+  std::string message;
+};
+
+// The exit code for a list of problems: 0 when empty, 1 when every problem is a failed resource
+// reservation, 2 otherwise.
+Outcome OutcomeOf(const std::vector<Problem>& problems);
+
+// How initiators authenticate to a target (the auth group's type).
+enum class AuthRule { kNone, kDeny, kChap, kChapMutual };
+
+const char* AuthRuleName(AuthRule rule);  // "none", "deny", "chap", "chap-mutual"
+
+// One CHAP credential. The mutual pair is used only under AuthRule::kChapMutual.
+struct ChapCredential {
+  std::string user;
+  std::string secret;
+  std::string mutualUser;
+  std::string mutualSecret;
+};
+
+// A portal names a network interface and a port. `address` may be given directly (then nothing is
+// resolved); otherwise a PortalResolver turns the interface into an address of the host that
+// serves the target (`ownerHostUuid`, empty for this host).
+struct DesiredPortal {
+  std::string interfaceName;
+  std::string address;
+  int port = 3260;
+  std::string ownerHostUuid;
+};
+
+// A LUN slot of a target. `id` is kel's LUN number (0..255).
+struct DesiredLun {
+  int id = 0;
+  std::string path;  // the backing file
+  bool offline = false;
+  std::string alias;
+  std::string naa;  // 32 hex digits or empty; reported by the LUN as its NAA identifier
+};
+
+struct DesiredTarget {
+  std::string iqn;
+  std::string alias;
+  std::string uuid;
+  bool offline = false;
+  std::vector<DesiredPortal> portals;
+  AuthRule auth = AuthRule::kNone;
+  std::vector<ChapCredential> chap;
+  // True when initiator names or initiator groups were given: then exactly `initiators` may log
+  // in (an empty list admits nobody). Otherwise the auth rule decides: deny admits nobody, the
+  // others admit every initiator.
+  bool initiatorsRestricted = false;
+  std::vector<std::string> initiators;  // names and the members of the referenced groups
+  std::vector<DesiredLun> luns;
+};
+
+struct DesiredState {
+  std::vector<DesiredTarget> targets;
+};
+
+// Where the desired state comes from.
+//
+// Load() reads the current desired state; it throws OrsaCtlException when the source cannot be
+// read or is malformed, and the caller then keeps serving what it served before. Sources are used
+// from the daemon's one thread and need not be thread-safe.
+class DesiredStateSource {
+ public:
+  virtual ~DesiredStateSource() = default;
+  virtual DesiredState Load() = 0;
+  // A short text for logs ("json file /x/state.json").
+  virtual std::string Describe() const = 0;
+};
+
+// A source that always yields the same state (tests, and keld before kel.conf is readable).
+class StaticStateSource : public DesiredStateSource {
+ public:
+  explicit StaticStateSource(DesiredState state, std::string description = "static state")
+      : state_(std::move(state)), description_(std::move(description)) {}
+  DesiredState Load() override { return state_; }
+  std::string Describe() const override { return description_; }
+
+ private:
+  DesiredState state_;
+  std::string description_;
+};
+
+// The source the daemon uses: the JSON file `json_path` when not empty, else $KELD_DESIRED_STATE
+// when set, else the host's configuration source. Until the kel.conf source exists the last case
+// is an empty state (logged), so keld serves nothing rather than guessing.
+std::unique_ptr<DesiredStateSource> MakeDefaultStateSource(const std::string& json_path);
+
+// kel's LUN n is served as SCSI LUN n + 1 because tgtd's LUN 0 is always its controller. These
+// two functions are the only place that knows the mapping.
+inline int ScsiLunForKelLun(int kel_lun) { return kel_lun + 1; }
+inline int KelLunForScsiLun(int scsi_lun) { return scsi_lun - 1; }
+
+}  // namespace keld
+}  // namespace kel

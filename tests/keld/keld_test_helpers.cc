@@ -1,0 +1,122 @@
+#include "tests/keld/keld_test_helpers.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+#include <thread>
+
+#include "host/keld_json_source.h"
+
+namespace kel {
+namespace keld {
+namespace testing {
+
+std::string SparseFile(const std::string& path, uint64_t bytes) {
+  int fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+  if (fd < 0 || ftruncate(fd, static_cast<off_t>(bytes)) != 0) {
+    if (fd >= 0) close(fd);
+    throw std::runtime_error("cannot create " + path);
+  }
+  close(fd);
+  return path;
+}
+
+DesiredTarget MakeTarget(const std::string& iqn, const std::vector<std::string>& paths,
+                         const std::string& nic, int port) {
+  DesiredTarget t;
+  t.iqn = iqn;
+  t.uuid = "uuid-" + iqn.substr(iqn.rfind(':') + 1);
+  DesiredPortal p;
+  p.interfaceName = nic;
+  p.port = port;
+  t.portals.push_back(p);
+  for (size_t i = 0; i < paths.size(); ++i) {
+    DesiredLun lun;
+    lun.id = static_cast<int>(i);
+    lun.path = paths[i];
+    t.luns.push_back(lun);
+  }
+  return t;
+}
+
+ExclusiveDiskLock::ExclusiveDiskLock(const std::string& path) {
+  fd_ = open(path.c_str(), O_RDWR | O_CLOEXEC);
+  if (fd_ < 0) return;
+  struct flock fl = {};
+  fl.l_type = F_WRLCK;
+  fl.l_whence = SEEK_SET;
+  held_ = fcntl(fd_, F_OFD_SETLK, &fl) == 0;
+}
+
+ExclusiveDiskLock::~ExclusiveDiskLock() {
+  if (fd_ >= 0) close(fd_);
+}
+
+namespace {
+
+int FirstNumber(const std::string& path, int which) {
+  std::ifstream in(path);
+  int value = -1;
+  for (int i = 0; i <= which; ++i) {
+    if (!(in >> value)) return -1;
+  }
+  return value;
+}
+
+}  // namespace
+
+bool ProcessAlive(int pid) {
+  if (pid <= 0) return false;
+  std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+  std::string line;
+  if (!std::getline(stat, line)) return false;
+  size_t paren = line.rfind(')');
+  return paren != std::string::npos && paren + 2 < line.size() && line[paren + 2] != 'Z';
+}
+
+KeldHost::KeldHost(const std::string& address, int tgtd_control_index) : address_(address) {
+  state_dir_ = dir_.Join("state");
+  std::ostringstream host;
+  host << "{\"stateDir\": \"" << state_dir_ << "\", \"datastore\": {\"path\": \""
+       << dir_.Join("datastore") << "\"}, \"network\": {\"interfaces\": {\"nuk0\": {\"ipv4\": \""
+       << address << "\", \"ipv6\": \"\"}}}, \"daemon\": {\"tgtdControlPort\": "
+       << tgtd_control_index << "}}";
+  kel::testing::WriteFile(dir_.Join("host.json"), host.str());
+  Write(DesiredState{});
+}
+
+KeldHost::~KeldHost() {
+  Keld({"io_stop"});
+  for (int pid : {KeldPid(), TgtdPid()}) {
+    if (!ProcessAlive(pid)) continue;
+    kill(pid, SIGKILL);
+    for (int i = 0; i < 100 && ProcessAlive(pid); ++i) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+  }
+}
+
+void KeldHost::Write(const DesiredState& state) {
+  kel::testing::WriteFile(dir_.Join("desired.json"), DesiredStateToJson(state).dump(2));
+}
+
+kel::testing::CommandResult KeldHost::Keld(const std::vector<std::string>& args) {
+  std::vector<std::string> argv = {kel::testing::BinaryDir() + "/keld/keld", "--config",
+                                   dir_.Join("host.json"), "--desired-state",
+                                   dir_.Join("desired.json"), "++group=serad-tmp"};
+  argv.insert(argv.end(), args.begin(), args.end());
+  return kel::testing::RunCommand(argv, "", {}, std::chrono::milliseconds(120000));
+}
+
+int KeldHost::KeldPid() const { return FirstNumber(state_dir_ + "/run/keld.pid", 0); }
+int KeldHost::TgtdPid() const { return FirstNumber(state_dir_ + "/run/tgtd.pid", 0); }
+int KeldHost::TgtdControlIndex() const { return FirstNumber(state_dir_ + "/run/tgtd.pid", 1); }
+
+}  // namespace testing
+}  // namespace keld
+}  // namespace kel
