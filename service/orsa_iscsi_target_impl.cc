@@ -3,13 +3,12 @@
 #include "service/orsa_iscsi_target_impl.h"
 
 #include <boost/thread/lock_types.hpp>
-#include <mutex>
 
 #include "conf/parser_edit.h"
 #include "directory/config_cache.h"
-#include "host/host_options.h"
 #include "host/service_state.h"
 #include "platform/exception.h"
+#include "platform/host_controls.h"
 #include "platform/log.h"
 #include "platform/status.h"
 #include "platform/vdisk.h"
@@ -36,7 +35,12 @@ const char* const kTag = "OrsaIscsiTargetImpl";
 
 OrsaIscsiTargetImpl::OrsaIscsiTargetImpl() {
   try {
-    lunNaaEnabled = Util::KelGetTpiIntOpt("ORSA-iSCSI", "kelLunNaaEnable") != 0;
+    // Read directly rather than through Util::KelGetTpiIntOpt, which turns a failed read into 0:
+    // a failure here has a line of its own.
+    NukCtl::Util::Sysinfo option(NukCtl::Util::Sysinfo::kSysinfoIntOptions);
+    option.AddInstancePath("ORSA-iSCSI");
+    option.AddInstancePath("kelLunNaaEnable");
+    lunNaaEnabled = option.GetIntValue() != 0;
   } catch (const OrsaCtlException&) {
     LogWarning("%s: Get ORSA CONFIG kelLunNaaEnable failure, do not enable NAA\n", kTag);
     lunNaaEnabled = false;

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <boost/thread/lock_types.hpp>
 #include <cstdlib>
+#include <map>
 #include <set>
 
 #include "conf/conf_handle.h"
@@ -87,10 +88,17 @@ void RollbackNewTarget(const std::string& uuid) {
   }
 }
 
-// Owner host and compliance of one listed target.
-void FillOwner(TargetInfo& t, bool withName) {
+// Names of the live members, read once per listing rather than once per target.
+std::map<std::string, std::string> MemberNames() {
+  std::map<std::string, std::string> names;
+  for (const auto& m : Util::GetClusterMembers()) names[m.uuid] = m.name;
+  return names;
+}
+
+void FillOwner(TargetInfo& t, const std::map<std::string, std::string>& names) {
   t.ownerHostUuid = Util::GetTargetOwnerHostUuid(t.ownerId);
-  if (withName) t.ownerHostName = Util::GetHostNameFromUuid(t.ownerHostUuid);
+  auto name = names.find(t.ownerHostUuid);
+  t.ownerHostName = name != names.end() ? name->second : std::string();
 }
 
 }  // namespace
@@ -229,8 +237,9 @@ std::vector<TargetInfo> OrsaIscsiTargetImpl::GetTargets(bool skipCompliance, boo
     CheckIscsiServiceStatus(false);
     std::vector<TargetInfo> targets = Parser::GetTargets();
     const std::string self = localOnly ? Util::GetNodeUuid() : std::string();
+    const std::map<std::string, std::string> names = MemberNames();
     for (auto it = targets.begin(); it != targets.end();) {
-      FillOwner(*it, true);
+      FillOwner(*it, names);
       if (localOnly && it->ownerHostUuid != self) {
         it = targets.erase(it);
         continue;
@@ -253,7 +262,8 @@ TargetInfo OrsaIscsiTargetImpl::GetTargetInfo(const std::string& alias) {
   CheckIscsiServiceStatus(false);
   for (TargetInfo& t : Parser::GetTargets()) {
     if (t.alias != alias) continue;
-    FillOwner(t, true);
+    t.ownerHostUuid = Util::GetTargetOwnerHostUuid(t.ownerId);
+    t.ownerHostName = Util::GetHostNameFromUuid(t.ownerHostUuid);
     Util::GetPolicyComplianceStatusForObject(complianceHandle, t.uuid, t.storagePolicy,
                                              t.policyCompliant, true);
     return t;

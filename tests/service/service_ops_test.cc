@@ -16,6 +16,7 @@
 #include "directory/host_queries.h"
 #include "host/validation.h"
 #include "platform/clock.h"
+#include "platform/host_controls.h"
 #include "platform/log.h"
 #include "platform/settings.h"
 #include "service/default_iqn.h"
@@ -612,6 +613,22 @@ TEST(ServiceObject, SingletonConstructionAndDestruction) {
   made.reset();
   EXPECT_EQ(capture.Count("Destructing OrsaIscsiTargetImpl()"), 1u);
   EXPECT_FALSE(capture.Contains("De-initializing"));
+}
+
+TEST(ServiceObject, UnreadableNaaOptionLeavesNaaOff) {
+  ServiceEnv env(true);
+  NukCtl::Util::Sysinfo::SetReaderForTest([](const std::string&, const std::string& name) {
+    if (name == "kelLunNaaEnable") throw OrsaCtlException("option store unreadable");
+    return int64_t{0};
+  });
+  log::LogCapture capture;
+  Kel::OrsaIscsiTargetImpl impl;
+  NukCtl::Util::Sysinfo::SetReaderForTest(nullptr);
+  EXPECT_FALSE(impl.LunNaaEnabledForTest());
+  EXPECT_TRUE(capture.Contains(
+      "OrsaIscsiTargetImpl: Get ORSA CONFIG kelLunNaaEnable failure, do not enable NAA"));
+  EXPECT_TRUE(capture.Contains("lunNaa: Disabled"));
+  EXPECT_TRUE(Kel::OrsaIscsiTargetImpl().LunNaaEnabledForTest());
 }
 
 TEST(ServiceObject, LunsGetNoNaaWhenTheOptionIsOff) {
