@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <iostream>
@@ -69,6 +70,12 @@ const kel::platform::HostConfig& CliContext::Host() {
   if (!host_) {
     kel::platform::SetCurrentHostConfig(kel::platform::LoadHostConfig(configPath));
     host_ = kel::platform::CurrentHostConfig();
+    if (!configPath.empty()) {
+      // Programs the service starts (the daemon control) read the same host configuration.
+      char* absolute = realpath(configPath.c_str(), nullptr);
+      setenv("KEL_CONFIG", absolute != nullptr ? absolute : configPath.c_str(), 1);
+      free(absolute);
+    }
     kel::log::InstallHostLog(host_->stateDir, verbose);
   }
   return *host_;

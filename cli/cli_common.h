@@ -37,7 +37,8 @@ struct CliContext {
   CLI::App* Noun(const std::string& name) const;
 
   // The host configuration, loaded on first use (only commands that need the host call it). It
-  // also installs the host log (<stateDir>/log/kel.log and syslog), with -v mirrored on stderr.
+  // also installs the host log (<stateDir>/log/kel.log and syslog), with -v mirrored on stderr,
+  // and exports --config as $KEL_CONFIG for the programs the service runs (the daemon control).
   const kel::platform::HostConfig& Host();
 
   // The management service, obtained through the plug-in factory on first use (after the load

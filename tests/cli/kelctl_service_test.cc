@@ -29,6 +29,8 @@ TEST(KelctlService, EveryNounAgainstTheService) {
 
   ASSERT_EQ(k.Run({"service", "enable"}).exit_code, 0) << k.transcript();
   EXPECT_EQ(env.ControlRuns(), std::vector<std::string>{"++group=serad-tmp restart"});
+  // The daemon reads the host configuration kelctl was given.
+  EXPECT_EQ(ReadFile(env.Join("control.env")), k.config() + "\n");
   r = k.Run({"service", "enable", "--fail-if-unchanged"});
   EXPECT_EQ(r.exit_code, 1);
   EXPECT_EQ(LastLine(r.err), "Orsa iSCSI Target service is already enabled on this host");

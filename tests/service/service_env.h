@@ -1,7 +1,8 @@
 // A one-host environment for the service's tests: a host configuration in a temporary directory
 // (state directory, datastore, the embedded directory, one interface "nuk0" on a loopback
 // address) whose daemon control is a recording double: a shell script that appends its arguments
-// to control.log and exits with the code in control.code (0 when that file is missing).
+// to control.log, writes the $KEL_CONFIG it got to control.env, and exits with the code in
+// control.code (0 when that file is missing).
 // Header-only so that each test binary of this folder gets exactly what it uses.
 #pragma once
 
@@ -63,8 +64,9 @@ class ServiceEnv {
     mkdir(c.stateDir.c_str(), 0700);
     mkdir(c.datastorePath.c_str(), 0700);
     WriteFile(dir_.Join("control.sh"),
-              "#!/bin/sh\necho \"$*\" >> '" + dir_.Join("control.log") + "'\nexit $(cat '" +
-                  dir_.Join("control.code") + "' 2>/dev/null || echo 0)\n",
+              "#!/bin/sh\necho \"$*\" >> '" + dir_.Join("control.log") + "'\necho \"$KEL_CONFIG\" > '" +
+                  dir_.Join("control.env") + "'\nexit $(cat '" + dir_.Join("control.code") +
+                  "' 2>/dev/null || echo 0)\n",
               0700);
     config_ = c;
     platform::CloseDirectory();
