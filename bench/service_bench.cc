@@ -199,7 +199,8 @@ int main(int argc, char** argv) {
       install();
       svc->GetTargets(true, false);  // fills the cache
       Row("GetTargets (cache)", n,
-          Measure(iterations * 8, [&](int) { svc->GetTargets(true, false); }, nullptr),
+          Measure(
+              iterations * 8, [&](int) { svc->GetTargets(true, false); }, nullptr),
           iterations * 8);
       Kel::ConfigCache::CleanupCachedConfig();
       Row("GetTargets (file)", n,

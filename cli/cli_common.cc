@@ -228,8 +228,8 @@ void AuthOptions::ResolveSecretFiles() {
 }
 
 void AddAuthOptions(CLI::App* cmd, AuthOptions& auth) {
-  auth.options.push_back(cmd->add_option(
-      "--auth-type", auth.authType, "No-Authentication, CHAP or CHAP-Mutual (default: none)"));
+  auth.options.push_back(cmd->add_option("--auth-type", auth.authType,
+                                         "No-Authentication, CHAP or CHAP-Mutual (default: none)"));
   auth.options.push_back(
       cmd->add_option("--chap-user", auth.chapUser, "CHAP user name the initiator presents"));
   CLI::Option* secret = cmd->add_option("--chap-secret", auth.chapSecret,

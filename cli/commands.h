@@ -19,12 +19,12 @@ CLI::App* AddConfCommands(CLI::App& app, CliContext& ctx);
 void AddConfShowCommand(CLI::App& app, CliContext& ctx);
 
 // Nouns on the management service (obtained through the plug-in factory, ctx.Service()).
-void AddServiceCommands(CLI::App& app, CliContext& ctx);          // cli/service_cmd.cc
-void AddNamespaceCommands(CLI::App& app, CliContext& ctx);        // cli/namespace_cmd.cc
-void AddDefaultsCommands(CLI::App& app, CliContext& ctx);         // cli/defaults_cmd.cc
-void AddTargetCommands(CLI::App& app, CliContext& ctx);           // cli/target_cmd.cc
-void AddLunCommands(CLI::App& app, CliContext& ctx);              // cli/lun_cmd.cc
-void AddInitiatorGroupCommands(CLI::App& app, CliContext& ctx);   // cli/initiator_group_cmd.cc
+void AddServiceCommands(CLI::App& app, CliContext& ctx);         // cli/service_cmd.cc
+void AddNamespaceCommands(CLI::App& app, CliContext& ctx);       // cli/namespace_cmd.cc
+void AddDefaultsCommands(CLI::App& app, CliContext& ctx);        // cli/defaults_cmd.cc
+void AddTargetCommands(CLI::App& app, CliContext& ctx);          // cli/target_cmd.cc
+void AddLunCommands(CLI::App& app, CliContext& ctx);             // cli/lun_cmd.cc
+void AddInitiatorGroupCommands(CLI::App& app, CliContext& ctx);  // cli/initiator_group_cmd.cc
 
 // One row per LUN, with its NAA identifier (cli/lun_cmd.cc); the compliance column is "-" unless
 // the records were queried for it.

@@ -38,8 +38,9 @@ void Show(CliContext& ctx, const std::string& name) {
     PrintJson(std::cout, nlohmann::json(g));
     return;
   }
-  PrintTable(std::cout, {"FIELD", "VALUE"},
-             {{"name", g.name}, {"initiators", Join(g.initiators)}, {"targets", Join(TargetsOf(g))}});
+  PrintTable(
+      std::cout, {"FIELD", "VALUE"},
+      {{"name", g.name}, {"initiators", Join(g.initiators)}, {"targets", Join(TargetsOf(g))}});
 }
 
 }  // namespace

@@ -75,7 +75,8 @@ void Update(CliContext& ctx, const LunOptions& o) {
   lun.storagePolicy = o.policy;
   lun.status = o.status;
   ctx.Service().UpdateLun(lun, o.newId, o.newTarget, true);
-  if (ctx.json) PrintJson(std::cout, nlohmann::json(ctx.Service().GetLunInfo(lun.targetAlias, lun.id)));
+  if (ctx.json)
+    PrintJson(std::cout, nlohmann::json(ctx.Service().GetLunInfo(lun.targetAlias, lun.id)));
 }
 
 void List(CliContext& ctx, const std::string& target, bool compliance) {
@@ -102,16 +103,15 @@ void Show(CliContext& ctx, const std::string& target, int id) {
 void PrintLunTable(std::ostream& out, const std::vector<LunInfo>& luns, bool withCompliance) {
   std::vector<std::vector<std::string>> rows;
   for (const LunInfo& l : luns) {
-    rows.push_back({l.targetAlias, std::to_string(l.id), OrDash(l.alias),
-                    std::to_string(l.sizeMiB), OrDash(l.status), OrDash(l.naa),
-                    OrDash(l.storagePolicy),
+    rows.push_back({l.targetAlias, std::to_string(l.id), OrDash(l.alias), std::to_string(l.sizeMiB),
+                    OrDash(l.status), OrDash(l.naa), OrDash(l.storagePolicy),
                     withCompliance ? (l.policyCompliant ? "yes" : "no") : "-", OrDash(l.uuid),
                     OrDash(l.path)});
   }
-  PrintTable(out,
-             {"TARGET", "ID", "ALIAS", "SIZE-MIB", "STATUS", "NAA", "POLICY", "COMPLIANT", "UUID",
-              "PATH"},
-             rows);
+  PrintTable(
+      out,
+      {"TARGET", "ID", "ALIAS", "SIZE-MIB", "STATUS", "NAA", "POLICY", "COMPLIANT", "UUID", "PATH"},
+      rows);
 }
 
 void AddLunCommands(CLI::App& app, CliContext& ctx) {
@@ -148,7 +148,8 @@ void AddLunCommands(CLI::App& app, CliContext& ctx) {
 
   auto remove = std::make_shared<LunOptions>();
   auto force = std::make_shared<bool>(false);
-  CLI::App* removeCmd = noun->add_subcommand("remove", "Take a LUN offline, remove its disk and entry");
+  CLI::App* removeCmd =
+      noun->add_subcommand("remove", "Take a LUN offline, remove its disk and entry");
   removeCmd->add_option("--target", remove->target, "Alias of the target")->required();
   removeCmd->add_option("--id", remove->id, "LUN number")->required();
   removeCmd->add_flag("--force", *force,
@@ -174,9 +175,8 @@ void AddLunCommands(CLI::App& app, CliContext& ctx) {
   showCmd->add_option("--target", show->target, "Alias of the target")->required();
   showCmd->add_option("--id", show->id, "LUN number")->required();
   showCmd->add_flag("--json", ctx.json, "Print the record as JSON");
-  showCmd->callback([&ctx, show] {
-    ctx.action = [&ctx, show] { Show(ctx, show->target, show->id); };
-  });
+  showCmd->callback(
+      [&ctx, show] { ctx.action = [&ctx, show] { Show(ctx, show->target, show->id); }; });
 }
 
 }  // namespace cli

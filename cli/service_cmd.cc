@@ -43,8 +43,9 @@ void AddServiceCommands(CLI::App& app, CliContext& ctx) {
   status->add_flag("--json", ctx.json, "Print {\"enabled\": true|false}");
   status->callback([&ctx] { ctx.action = [&ctx] { Status(ctx); }; });
 
-  noun->add_subcommand("restore", "Re-apply the enabled state after a restart")
-      ->callback([&ctx] { ctx.action = [&ctx] { ctx.Service().Restore(); }; });
+  noun->add_subcommand("restore", "Re-apply the enabled state after a restart")->callback([&ctx] {
+    ctx.action = [&ctx] { ctx.Service().Restore(); };
+  });
   noun->add_subcommand("refresh", "Reload the stored state and drop the cached configuration")
       ->callback([&ctx] { ctx.action = [&ctx] { ctx.Service().Refresh(); }; });
 }

@@ -34,8 +34,8 @@ struct TargetOptions {
 };
 
 void AddTargetOptions(CLI::App* cmd, TargetOptions& o, bool update) {
-  cmd->add_option("--alias", o.alias, update ? "Alias of the target to change"
-                                             : "Alias of the new target (its key)")
+  cmd->add_option("--alias", o.alias,
+                  update ? "Alias of the target to change" : "Alias of the new target (its key)")
       ->required();
   cmd->add_option("--iqn", o.iqn,
                   update ? "New IQN (default: keep)"
@@ -44,8 +44,8 @@ void AddTargetOptions(CLI::App* cmd, TargetOptions& o, bool update) {
       "--interface", o.interface,
       update ? "Network interface to listen on (default: keep)"
              : "Network interface to listen on (default: the cluster default portal)");
-  o.portOption = cmd->add_option(
-      "--port", o.port, update ? "TCP port (default: keep)" : "TCP port (default: 3260)");
+  o.portOption = cmd->add_option("--port", o.port,
+                                 update ? "TCP port (default: keep)" : "TCP port (default: 3260)");
   AddAuthOptions(cmd, o.auth);
   o.initiatorOption = cmd->add_option(
       "--initiator", o.initiators,
@@ -197,8 +197,8 @@ void AddTargetCommands(CLI::App& app, CliContext& ctx) {
   addCmd->callback([&ctx, add] { ctx.action = [&ctx, add] { Add(ctx, *add); }; });
 
   auto update = std::make_shared<TargetOptions>();
-  CLI::App* updateCmd = noun->add_subcommand(
-      "update", "Change a target; options not given keep what the target has");
+  CLI::App* updateCmd =
+      noun->add_subcommand("update", "Change a target; options not given keep what the target has");
   AddTargetOptions(updateCmd, *update, true);
   updateCmd->add_flag("--json", ctx.json, "Print the changed target as JSON");
   updateCmd->callback([&ctx, update] { ctx.action = [&ctx, update] { Update(ctx, *update); }; });
@@ -207,17 +207,14 @@ void AddTargetCommands(CLI::App& app, CliContext& ctx) {
   CLI::App* remove = noun->add_subcommand(
       "remove", "Take a target offline, delete its namespace with its LUN disks, remove it");
   remove->add_option("--alias", *alias, "Alias of the target")->required();
-  remove->callback([&ctx, alias] {
-    ctx.action = [&ctx, alias] { ctx.Service().RemoveTarget(*alias); };
-  });
+  remove->callback(
+      [&ctx, alias] { ctx.action = [&ctx, alias] { ctx.Service().RemoveTarget(*alias); }; });
 
   auto showAlias = std::make_shared<std::string>();
   CLI::App* show = noun->add_subcommand("show", "Print one target with its LUNs");
   show->add_option("--alias", *showAlias, "Alias of the target")->required();
   show->add_flag("--json", ctx.json, "Print the record as JSON");
-  show->callback([&ctx, showAlias] {
-    ctx.action = [&ctx, showAlias] { Show(ctx, *showAlias); };
-  });
+  show->callback([&ctx, showAlias] { ctx.action = [&ctx, showAlias] { Show(ctx, *showAlias); }; });
 
   auto local = std::make_shared<bool>(false);
   auto skip = std::make_shared<bool>(false);
@@ -225,9 +222,8 @@ void AddTargetCommands(CLI::App& app, CliContext& ctx) {
   list->add_flag("--local", *local, "Only the targets this host serves");
   list->add_flag("--skip-compliance", *skip, "Do not query the storage policy compliance");
   list->add_flag("--json", ctx.json, "Print the records as JSON");
-  list->callback([&ctx, local, skip] {
-    ctx.action = [&ctx, local, skip] { List(ctx, *local, *skip); };
-  });
+  list->callback(
+      [&ctx, local, skip] { ctx.action = [&ctx, local, skip] { List(ctx, *local, *skip); }; });
 
   auto transferAlias = std::make_shared<std::string>();
   auto retries = std::make_shared<int>(2);
@@ -241,8 +237,7 @@ void AddTargetCommands(CLI::App& app, CliContext& ctx) {
   auto localRetries = std::make_shared<int>(2);
   CLI::App* transferLocal =
       noun->add_subcommand("transfer-local", "Move every target this host serves to other hosts");
-  transferLocal->add_option("--retries", *localRetries,
-                            "Passes after the first one (default: 2)");
+  transferLocal->add_option("--retries", *localRetries, "Passes after the first one (default: 2)");
   transferLocal->callback([&ctx, localRetries] {
     ctx.action = [&ctx, localRetries] { TransferLocal(ctx, *localRetries); };
   });

@@ -23,9 +23,7 @@ const char* const kTag = "Util";
 const char* const kIncompatible = "Incompatible between Target location and policy locality";
 constexpr int kAffinityDiskFormatBaseline = 13;
 
-bool IsPinnedSite(const std::string& site) {
-  return site == "Preferred" || site == "NonPreferred";
-}
+bool IsPinnedSite(const std::string& site) { return site == "Preferred" || site == "NonPreferred"; }
 
 }  // namespace
 
@@ -97,7 +95,8 @@ void VerifyNewTargetAffinity(const TargetCreateParam& param) {
 void VerifyUpdateTargetAffinity(OrsaComplianceHandle* handle, const TargetCreateParam& param,
                                 const TargetInfo& current) {
   const std::string site = param.affinitySite.empty() ? current.affinitySite : param.affinitySite;
-  const bool newPin = IsPinnedSite(param.affinitySite) && param.affinitySite != current.affinitySite;
+  const bool newPin =
+      IsPinnedSite(param.affinitySite) && param.affinitySite != current.affinitySite;
   if (newPin) ValidateSiteAffinity();
   if (!IsPinnedSite(site)) return;
   // Nothing that decides the pairing changes: what is in place was accepted before.

@@ -163,8 +163,8 @@ void OrsaIscsiTargetImpl::UpdateLun(LunInfo& lun, int newId, const std::string& 
   LogInfo(
       "%s: Updating LUN with id %d at target %s size in sectors: %s, with policy %s, newId: %d, "
       "newTarg: %s, alias %s, status: %s.\n",
-      kTag, lun.id, lun.targetAlias.c_str(), lun.sizeText.c_str(), lun.storagePolicy.c_str(),
-      newId, newTarget.c_str(), lun.alias.c_str(), lun.status.c_str());
+      kTag, lun.id, lun.targetAlias.c_str(), lun.sizeText.c_str(), lun.storagePolicy.c_str(), newId,
+      newTarget.c_str(), lun.alias.c_str(), lun.status.c_str());
   if (!locked) {
     UpdateLunLocked(lun, newId, newTarget);
     return;
@@ -200,9 +200,9 @@ void OrsaIscsiTargetImpl::UpdateLunLocked(LunInfo& lun, int newId, const std::st
     // Parser::UpdateLun leaves the LUN's new number and target in the record.
     if (edited && (!resize || !Parser::CheckResizeDone(lun, lun.id))) return;
     if (attempt >= kUpdateLunAttempts) {
-      throw OrsaCtlException("Failed to update LUN " + std::to_string(originalId) +
-                             " of target " + originalTarget + " after " +
-                             std::to_string(kUpdateLunAttempts) + " attempts");
+      throw OrsaCtlException("Failed to update LUN " + std::to_string(originalId) + " of target " +
+                             originalTarget + " after " + std::to_string(kUpdateLunAttempts) +
+                             " attempts");
     }
     kel::platform::SleepMs(kUpdateLunRetrySleepMs);
   }
@@ -227,8 +227,7 @@ LunInfo OrsaIscsiTargetImpl::GetLunInfo(const std::string& targetAlias, int id) 
     Util::GetPolicyComplianceStatusForLun(complianceHandle, lun);
     return lun;
   }
-  throw OrsaCtlException("LUN id " + std::to_string(id) + " not found for target " +
-                         targetAlias);
+  throw OrsaCtlException("LUN id " + std::to_string(id) + " not found for target " + targetAlias);
 }
 
 }  // namespace IscsiTarget

@@ -1,12 +1,11 @@
 // The plug-in factory, the load and unload hooks, and the C-linkage entry points of the module.
-#include "service/orsa_async_plugin.h"
-
 #include <exception>
 
 #include "directory/config_cache.h"
 #include "platform/exception.h"
 #include "platform/log.h"
 #include "service/linux_validation_env.h"
+#include "service/orsa_async_plugin.h"
 #include "service/orsa_iscsi_target_impl.h"
 
 namespace HostCtl {
@@ -37,8 +36,8 @@ void KelNukCtlFini() {
   try {
     ConfigCache::UnsubscribeLodexNoLock();
   } catch (const HostCtl::Lib::Orsa::OrsaCtlException& e) {
-    LogError("%s: Failed to unsubscribe KEL config query from LODEX due to: %s\n",
-             "KelConfigCache", e.GetMessage().c_str());
+    LogError("%s: Failed to unsubscribe KEL config query from LODEX due to: %s\n", "KelConfigCache",
+             e.GetMessage().c_str());
   }
 }
 

@@ -161,8 +161,8 @@ void OrsaIscsiTargetImpl::ApplyTargetUpdate(TargetCreateParam& param, const Targ
       try {
         Util::UpdateTargetNamespacePolicy(param.uuid, oldPolicy);
       } catch (const OrsaCtlException& e) {
-        LogError("%s: Failed to restore the policy of target %s: %s\n", kTag,
-                 param.alias.c_str(), e.GetMessage().c_str());
+        LogError("%s: Failed to restore the policy of target %s: %s\n", kTag, param.alias.c_str(),
+                 e.GetMessage().c_str());
       }
     }
     throw;
@@ -291,9 +291,8 @@ void OrsaIscsiTargetImpl::TransferTargetsOwner(std::vector<TargetInfo>& targets,
           size_t j = static_cast<size_t>(rand()) % (i + 1);
           std::swap(list[i], list[j]);
         }
-        auto chosen = std::find_if(list.begin(), list.end(), [&t](const std::string& h) {
-          return h != t.ownerHostUuid;
-        });
+        auto chosen = std::find_if(list.begin(), list.end(),
+                                   [&t](const std::string& h) { return h != t.ownerHostUuid; });
         if (chosen != list.end()) {
           LogInfo("%s: Transfering target %s (%s) to %s\n", kTag, t.alias.c_str(),
                   t.ownerHostUuid.c_str(), chosen->c_str());

@@ -1,10 +1,10 @@
 // Several kelctl processes changing kel.conf at the same moment: every change lands, and the
 // generation rises by exactly one per write.
+#include <gtest/gtest.h>
+
 #include <string>
 #include <thread>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "tests/cli/kelctl_testutil.h"
 

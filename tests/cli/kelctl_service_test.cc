@@ -1,11 +1,11 @@
 // kelctl on the management service, run as the built program against a one-host environment
 // whose daemon control is a recording double: every noun and verb, what reaches kel.conf, exit
 // codes and messages, and that no secret is ever printed or logged.
+#include <gtest/gtest.h>
+
+#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
-#include <nlohmann/json.hpp>
 
 #include "tests/cli/kelctl_testutil.h"
 
@@ -91,17 +91,17 @@ TEST(KelctlService, EveryNounAgainstTheService) {
   EXPECT_EQ(r.exit_code, 1);
   EXPECT_EQ(LastLine(r.err),
             "Changing the ID of an online LUN is not allowed. Bring the LUN offline first.");
-  ASSERT_EQ(k.Run({"lun", "update", "--target", "chap", "--id", "5", "--status", "offline"})
-                .exit_code,
-            0);
+  ASSERT_EQ(
+      k.Run({"lun", "update", "--target", "chap", "--id", "5", "--status", "offline"}).exit_code,
+      0);
   ASSERT_EQ(k.Run({"lun", "update", "--target", "chap", "--id", "5", "--new-id", "6"}).exit_code,
             0);
-  EXPECT_EQ(json::parse(k.Run({"lun", "show", "--target", "chap", "--id", "6", "--json"}).out)
-                ["status"],
-            "offline");
-  ASSERT_EQ(k.Run({"lun", "update", "--target", "chap", "--id", "6", "--new-target", "plain"})
-                .exit_code,
-            0)
+  EXPECT_EQ(
+      json::parse(k.Run({"lun", "show", "--target", "chap", "--id", "6", "--json"}).out)["status"],
+      "offline");
+  ASSERT_EQ(
+      k.Run({"lun", "update", "--target", "chap", "--id", "6", "--new-target", "plain"}).exit_code,
+      0)
       << k.transcript();
   EXPECT_EQ(json::parse(k.Run({"lun", "list", "--target", "plain", "--json"}).out).size(), 1u);
   ASSERT_EQ(k.Run({"lun", "remove", "--target", "plain", "--id", "0"}).exit_code, 0);
@@ -198,11 +198,28 @@ TEST(KelctlService, HelpListsEveryOption) {
   Kelctl k(env);
   const CommandResult all = k.Run({"--help"});
   EXPECT_EQ(all.exit_code, 0);
-  for (const char* option :
-       {"--config", "--json", "--verbose", "--fail-if-unchanged", "--chap-secret-file",
-        "--mutual-secret-file", "--mutual-user", "--no-initiators", "--initiator", "--site",
-        "--policy", "--skip-compliance", "--local", "--retries", "--new-id", "--new-target",
-        "--compliance", "--force", "--status", "--interface", "--port", "--size"}) {
+  for (const char* option : {"--config",
+                             "--json",
+                             "--verbose",
+                             "--fail-if-unchanged",
+                             "--chap-secret-file",
+                             "--mutual-secret-file",
+                             "--mutual-user",
+                             "--no-initiators",
+                             "--initiator",
+                             "--site",
+                             "--policy",
+                             "--skip-compliance",
+                             "--local",
+                             "--retries",
+                             "--new-id",
+                             "--new-target",
+                             "--compliance",
+                             "--force",
+                             "--status",
+                             "--interface",
+                             "--port",
+                             "--size"}) {
     EXPECT_NE(all.out.find(option), std::string::npos) << option;
   }
   const CommandResult lun = k.Run({"lun", "update", "--help"});

@@ -1,9 +1,9 @@
 // The plug-in module as a host program sees it: dlopen, the entry points found with dlsym, one
 // operation through the service object, and its effect in kel.conf.
+#include <gtest/gtest.h>
+
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "tests/service/service_env.h"
 

@@ -1,10 +1,10 @@
 // The service in a cluster of more than one host (an in-memory directory with several members):
 // site affinity rules and target ownership moves.
+#include <gtest/gtest.h>
+
 #include <memory>
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "directory/host_queries.h"
 #include "placement/affinity.h"

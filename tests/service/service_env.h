@@ -6,16 +6,15 @@
 // Header-only so that each test binary of this folder gets exactly what it uses.
 #pragma once
 
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 
 #include <fstream>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <sstream>
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
-#include <nlohmann/json.hpp>
 
 #include "conf/conf.h"
 #include "conf/conf_handle.h"
@@ -64,9 +63,9 @@ class ServiceEnv {
     mkdir(c.stateDir.c_str(), 0700);
     mkdir(c.datastorePath.c_str(), 0700);
     WriteFile(dir_.Join("control.sh"),
-              "#!/bin/sh\necho \"$*\" >> '" + dir_.Join("control.log") + "'\necho \"$KEL_CONFIG\" > '" +
-                  dir_.Join("control.env") + "'\nexit $(cat '" + dir_.Join("control.code") +
-                  "' 2>/dev/null || echo 0)\n",
+              "#!/bin/sh\necho \"$*\" >> '" + dir_.Join("control.log") +
+                  "'\necho \"$KEL_CONFIG\" > '" + dir_.Join("control.env") + "'\nexit $(cat '" +
+                  dir_.Join("control.code") + "' 2>/dev/null || echo 0)\n",
               0700);
     config_ = c;
     platform::CloseDirectory();

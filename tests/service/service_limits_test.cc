@@ -1,9 +1,9 @@
 // The cluster limits through the service: a configuration already at a limit (written directly,
 // not built by thousands of calls) refuses one more, and the refusal leaves kel.conf and the
 // datastore exactly as they were, including the namespace AddTarget had already made.
-#include <string>
-
 #include <gtest/gtest.h>
+
+#include <string>
 
 #include "platform/log.h"
 #include "tests/service/service_env.h"
@@ -25,8 +25,8 @@ std::string AtLimitConf(int targets, int lunsPerTarget, int groups, int perGroup
   for (int g = 0; g < groups; ++g) {
     s += "initiator-group g" + std::to_string(g) + " {\n";
     for (int i = 0; i < perGroup; ++i) {
-      s += "\t initiator iqn.1998-01.com.example:g" + std::to_string(g) + "-i" +
-           std::to_string(i) + "\n";
+      s += "\t initiator iqn.1998-01.com.example:g" + std::to_string(g) + "-i" + std::to_string(i) +
+           "\n";
     }
     s += "}\n";
   }
@@ -81,8 +81,9 @@ TEST_F(ServiceLimits, TheHundredTwentyNinthTargetLeavesNoNamespaceBehind) {
       },
       "Limit on total number of targets (128) has been reached.");
   // The namespace had been made before the file refused the target.
-  EXPECT_TRUE(capture.Contains("Add target one-more failed: Limit on total number of targets "
-                               "(128) has been reached. rollback by deleting target namespace"));
+  EXPECT_TRUE(
+      capture.Contains("Add target one-more failed: Limit on total number of targets "
+                       "(128) has been reached. rollback by deleting target namespace"));
   EXPECT_EQ(svc_->GetTargets(true, false).size(), 128u);
 }
 

@@ -1,6 +1,7 @@
 // The management operations through the interface, on a real temporary datastore with the
 // embedded directory and a recording daemon double: what reaches kel.conf, the datastore and the
 // directory, and what a refusal leaves behind (nothing).
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 
 #include <ctime>
@@ -10,8 +11,6 @@
 #include <string>
 #include <thread>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "directory/host_queries.h"
 #include "host/validation.h"
@@ -376,8 +375,7 @@ TEST_F(ServiceOps, RefusalsChangeNothing) {
       {"group name shaped like an IQN", [&] { svc_->AddInitiatorgroup("iqn.group"); },
        "Invalid initiator group name 'iqn.group'. Initiator group name cannot start with 'iqn.' "
        "or 'eui.'"},
-      {"bad initiator name",
-       [&] { svc_->AddInitiatorsToInitiatorgroup("g1", {"not-an-iqn"}); },
+      {"bad initiator name", [&] { svc_->AddInitiatorsToInitiatorgroup("g1", {"not-an-iqn"}); },
        "Invalid initiator IQN: 'not-an-iqn'*"},
       {"default port without interface",
        [&] {
@@ -409,8 +407,8 @@ TEST_F(ServiceOps, LunSizesIdChangesAndMovesBetweenTargets) {
   svc_->AddTarget(t2);
 
   const std::vector<std::pair<std::string, int64_t>> sizes = {
-      {"1MB", 1954},       {"1GB", 1953125},    {"1TB", 1953125000},
-      {"3mib", 6144},      {"1GiB", 2097152},   {"1TiB", 2147483648LL}};
+      {"1MB", 1954},  {"1GB", 1953125},  {"1TB", 1953125000},
+      {"3mib", 6144}, {"1GiB", 2097152}, {"1TiB", 2147483648LL}};
   for (const auto& [text, sectors] : sizes) {
     LunInfo l;
     l.targetAlias = "t1";
@@ -503,16 +501,16 @@ TEST_F(ServiceOps, LunSizesIdChangesAndMovesBetweenTargets) {
 TEST_F(ServiceOps, InitiatorGroupsAndDefaults) {
   ServiceEnv::Ready(*svc_);
   svc_->AddInitiatorgroup("esx");
-  svc_->AddInitiatorsToInitiatorgroup(
-      "esx", {"iqn.1998-01.com.example:a", "eui.2001-02.com.example:b"});
+  svc_->AddInitiatorsToInitiatorgroup("esx",
+                                      {"iqn.1998-01.com.example:a", "eui.2001-02.com.example:b"});
   TargetCreateParam t = NewTarget("t1");
   t.iqn = "iqn.2024-01.com.example:t1";
   t.initiators = {"esx"};
   svc_->AddTarget(t);
 
   auto g = svc_->GetInitiatorgroupInfo("esx");
-  EXPECT_EQ(g.initiators, (std::vector<std::string>{"iqn.1998-01.com.example:a",
-                                                     "eui.2001-02.com.example:b"}));
+  EXPECT_EQ(g.initiators,
+            (std::vector<std::string>{"iqn.1998-01.com.example:a", "eui.2001-02.com.example:b"}));
   EXPECT_EQ(g.targets, (std::map<std::string, std::string>{{"t1", "iqn.2024-01.com.example:t1"}}));
   svc_->RemoveInitiatorsFromInitiatorgroup("esx", {"iqn.1998-01.com.example:a"});
   EXPECT_EQ(svc_->GetInitiatorgroups().size(), 1u);
@@ -578,8 +576,8 @@ TEST_F(ServiceOps, TransferOnOneHostMakesOnePassPerRetryAndKeepsTheTarget) {
   ASSERT_EQ(targets.size(), 1u);
   svc_->TransferTargetsOwner(targets, 0);
   EXPECT_EQ(targets.size(), 1u);
-  EXPECT_EQ(clock.clock().Sleeps(), std::vector<std::chrono::milliseconds>{
-                                        std::chrono::milliseconds(1000)});
+  EXPECT_EQ(clock.clock().Sleeps(),
+            std::vector<std::chrono::milliseconds>{std::chrono::milliseconds(1000)});
   EXPECT_TRUE(capture.Contains("still remain on host"));
   EXPECT_TRUE(capture.Contains("Retry transfer target, remain retry -1"));
   EXPECT_TRUE(capture.Contains("Not all targets successfully transfered"));
