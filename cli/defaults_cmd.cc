@@ -35,19 +35,15 @@ void Show(CliContext& ctx) {
                OrDash(d.chapName), OrDash(d.mutualChapName)}});
 }
 
-// Options not given keep their current values: an empty interface and an empty auth type mean
-// "keep" to the service; a port alone is applied to the current interface, an interface alone
-// keeps the current port.
+// Options not given keep their current values. The interface and port are filled in from the
+// current defaults (the host's settings store keeps a copy of what is set here); an empty auth
+// type means "keep" to the service, since the current secrets cannot be read back.
 void Set(CliContext& ctx, SetOptions& o) {
   o.auth.ResolveSecretFiles();
+  const DefaultInfo current = ctx.Service().GetDefaultInfo();
   DefaultInfo info;
-  const bool interfaceGiven = o.interfaceOption->count() > 0;
-  const bool portGiven = o.portOption->count() > 0;
-  if (interfaceGiven || portGiven) {
-    const DefaultInfo current = ctx.Service().GetDefaultInfo();
-    info.networkInterface = interfaceGiven ? o.interface : current.networkInterface;
-    info.port = portGiven ? o.port : current.port;
-  }
+  info.networkInterface = o.interfaceOption->count() > 0 ? o.interface : current.networkInterface;
+  info.port = o.portOption->count() > 0 ? o.port : current.port;
   info.authType = o.auth.authType;
   info.chapName = o.auth.chapUser;
   info.chapSecret = o.auth.chapSecret;

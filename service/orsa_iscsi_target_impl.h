@@ -20,6 +20,7 @@
 // except where a step on shared storage cannot be undone, which is logged).
 #pragma once
 
+#include <atomic>
 #include <boost/thread/shared_mutex.hpp>
 #include <cstdint>
 #include <memory>
@@ -115,12 +116,16 @@ class OrsaIscsiTargetImpl : public virtual HostCtl::Orsa::IscsiTarget::OrsaIscsi
   template <class HeldLock>
   void DeinitLibs(HeldLock& held);
 
+  // Util::LoadConfig into `enabled`.
+  void ReloadEnabled();
   // The body of UpdateLun once its locks (if any) are held.
   void UpdateLunLocked(LunInfo& lun, int newId, const std::string& newTarget);
   // Steps of UpdateTargetConfig and RemoveTarget that run inside one exclusive ConfHandle.
   void ApplyTargetUpdate(TargetCreateParam& param, const TargetInfo& current);
 
-  bool enabled = false;           // cached service state; refreshed by Util::LoadConfig
+  // Cached service state, refreshed by ReloadEnabled(). Atomic: GetIscsiTargetStatus(true)
+  // refreshes it under libLock held shared, so several threads may write it at once.
+  std::atomic<bool> enabled{false};
   bool virtualDiskReady = false;  // this object initialised the virtual-disk library
   bool lunNaaEnabled = false;     // new LUNs get NAA identifiers; read once at construction
   OrsaComplianceHandle* complianceHandle = nullptr;  // null until the compliance lib is up

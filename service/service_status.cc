@@ -83,15 +83,15 @@ void OrsaIscsiTargetImpl::SetIscsiTargetStatus(bool enable, bool failIfUnchanged
   }
   Util::SetStatus(enable);
   Util::SetKelLoaderChkConfig(enable);
-  Util::LoadConfig(enabled);
+  ReloadEnabled();
 }
 
 bool OrsaIscsiTargetImpl::GetIscsiTargetStatus(bool locked) {
   if (locked) {
     boost::shared_lock<boost::upgrade_mutex> lib(libLock);
-    Util::LoadConfig(enabled);
+    ReloadEnabled();
   } else {
-    Util::LoadConfig(enabled);
+    ReloadEnabled();
   }
   return enabled;
 }
@@ -122,7 +122,13 @@ void OrsaIscsiTargetImpl::Restore() {
   LogInfo("%s: Restored successfully.\n", kTag);
 }
 
-void OrsaIscsiTargetImpl::LoadConfig() { Util::LoadConfig(enabled); }
+void OrsaIscsiTargetImpl::ReloadEnabled() {
+  bool value = enabled;
+  Util::LoadConfig(value);
+  enabled = value;
+}
+
+void OrsaIscsiTargetImpl::LoadConfig() { ReloadEnabled(); }
 
 void OrsaIscsiTargetImpl::Refresh() {
   LoadConfig();
