@@ -145,10 +145,11 @@ int KeldRun(const ControlOptions& options, std::ostream& err) {
   } catch (const OrsaCtlException& e) {
     err << e.GetMessage() << "\n";
     if (options.readyFd >= 0) {
-      std::string line = json({{"code", 2}, {"problems", ProblemsToJson({{Outcome::kFailure, "",
-                                                                           e.GetMessage()}})}})
-                             .dump() +
-                         "\n";
+      std::string line =
+          json({{"code", 2},
+                {"problems", ProblemsToJson({{Outcome::kFailure, "", e.GetMessage()}})}})
+              .dump() +
+          "\n";
       ssize_t ignored = write(options.readyFd, line.data(), line.size());
       (void)ignored;
     }

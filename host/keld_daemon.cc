@@ -80,6 +80,16 @@ void WriteAll(int fd, const std::string& text, bool socket = true) {
   }
 }
 
+bool SameProblems(const std::vector<Problem>& a, const std::vector<Problem>& b) {
+  if (a.size() != b.size()) return false;
+  for (size_t i = 0; i < a.size(); ++i) {
+    if (a[i].code != b[i].code || a[i].target != b[i].target || a[i].message != b[i].message) {
+      return false;
+    }
+  }
+  return true;
+}
+
 json OutcomeReply(const std::vector<Problem>& problems) {
   return {{"code", static_cast<int>(OutcomeOf(problems))}, {"problems", ProblemsToJson(problems)}};
 }
@@ -119,7 +129,7 @@ class Daemon {
   bool Prepare(Problem* problem);
   bool StartTgtd(Problem* problem);
   bool Load(DesiredState* desired, std::vector<Problem>* problems);
-  std::vector<Problem> Reconcile();
+  std::vector<Problem> Reconcile(bool requested);
   std::vector<Problem> Stop();
   void Ready(const std::vector<Problem>& problems);
   void HandleClient();
@@ -150,9 +160,9 @@ bool Daemon::Prepare(Problem* problem) {
     if (lock_fd_ >= 0) close(lock_fd_);
     lock_fd_ = -1;
     *problem = {Outcome::kFailure, "",
-                err == EAGAIN || err == EACCES ? "keld is already running for " + dir
-                                               : "cannot lock " + KeldLockPath(dir) + ": " +
-                                                     ErrnoText(err)};
+                err == EAGAIN || err == EACCES
+                    ? "keld is already running for " + dir
+                    : "cannot lock " + KeldLockPath(dir) + ": " + ErrnoText(err)};
     return false;
   }
   std::ofstream(KeldPidPath(dir)) << getpid() << "\n";
@@ -175,8 +185,12 @@ bool Daemon::Prepare(Problem* problem) {
   }
   unlink(path.c_str());  // a leftover of a daemon that died; we hold the lock
   listen_fd_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (listen_fd_ < 0 || bind(listen_fd_, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0 ||
-      chmod(path.c_str(), 0600) != 0 || listen(listen_fd_, 16) != 0) {
+  // Only root may drive the daemon: the socket is created 0600, with no window where it is not.
+  mode_t old_mask = umask(077);
+  bool bound =
+      listen_fd_ >= 0 && bind(listen_fd_, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == 0;
+  umask(old_mask);
+  if (!bound || listen(listen_fd_, 16) != 0) {
     *problem = {Outcome::kFailure, "", "cannot listen on " + path + ": " + ErrnoText(errno)};
     return false;
   }
@@ -206,7 +220,9 @@ bool Daemon::StartTgtd(Problem* problem) {
   return true;
 }
 
-std::vector<Problem> Daemon::Reconcile() {
+// `requested`: a client asked for it, so its problems are logged even if they are the same as
+// last time; the periodic passes log only what changed.
+std::vector<Problem> Daemon::Reconcile(bool requested) {
   DesiredState desired;
   std::vector<Problem> problems;
   if (!reconciler_) {
@@ -216,7 +232,7 @@ std::vector<Problem> Daemon::Reconcile() {
     problems.insert(problems.end(), r.problems.begin(), r.problems.end());
     if (r.changes > 0) LogInfo("%s: Applied %d changes to tgtd\n", kTag, r.changes);
   }
-  LogProblems(problems);
+  if (requested || !SameProblems(problems, last_problems_)) LogProblems(problems);
   last_problems_ = problems;
   return problems;
 }
@@ -272,7 +288,7 @@ void Daemon::HandleClient() {
     command.clear();
   }
   if (command == "reload") {
-    reply = OutcomeReply(Reconcile());
+    reply = OutcomeReply(Reconcile(true));
   } else if (command == "status") {
     reply = StatusReply();
   } else if (command == "stop") {
@@ -299,14 +315,15 @@ int Daemon::Run() {
     return static_cast<int>(problem.code);
   }
   LogInfo("%s: Serving from %s\n", kTag, options_.source->Describe().c_str());
-  Ready(Reconcile());
+  Ready(Reconcile(true));
 
   using Clock = std::chrono::steady_clock;
   const auto interval = std::chrono::milliseconds(std::max(options_.reconcileIntervalMs, 100));
   auto next_reconcile = Clock::now() + interval;
   auto next_tgtd_start = Clock::now();
   while (!stopping_) {
-    auto wait = std::chrono::duration_cast<std::chrono::milliseconds>(next_reconcile - Clock::now());
+    auto wait =
+        std::chrono::duration_cast<std::chrono::milliseconds>(next_reconcile - Clock::now());
     int timeout = static_cast<int>(std::min<int64_t>(std::max<int64_t>(wait.count(), 0), 1000));
     pollfd fds[2] = {{listen_fd_, POLLIN, 0}, {signal_fd_, POLLIN, 0}};
     int n = poll(fds, 2, timeout);
@@ -318,7 +335,7 @@ int Daemon::Run() {
       signalfd_siginfo info;
       if (read(signal_fd_, &info, sizeof(info)) == sizeof(info)) {
         if (info.ssi_signo == SIGHUP) {
-          Reconcile();
+          Reconcile(true);
         } else {
           LogInfo("%s: Stopping on signal %u\n", kTag, info.ssi_signo);
           Stop();
@@ -335,7 +352,7 @@ int Daemon::Run() {
     }
     if (!reconciler_ && Clock::now() >= next_tgtd_start) {
       if (StartTgtd(&problem)) {
-        Reconcile();
+        Reconcile(true);
         next_reconcile = Clock::now() + interval;
       } else {
         LogProblems({problem});
@@ -344,7 +361,7 @@ int Daemon::Run() {
       }
     }
     if (Clock::now() >= next_reconcile) {
-      if (reconciler_) Reconcile();
+      if (reconciler_) Reconcile(false);
       next_reconcile = Clock::now() + interval;
     }
   }
@@ -363,8 +380,8 @@ int RunKeldDaemon(DaemonOptions options) {
   return daemon.Run();
 }
 
-bool KeldRequest(const std::string& state_dir, const json& request, json* reply,
-                 std::string* error, bool* not_running) {
+bool KeldRequest(const std::string& state_dir, const json& request, json* reply, std::string* error,
+                 bool* not_running) {
   *not_running = false;
   sockaddr_un addr;
   if (!FillAddress(KeldSocketPath(state_dir), &addr, error)) return false;

@@ -12,10 +12,9 @@
 #pragma once
 
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
-
-#include <nlohmann/json.hpp>
 
 #include "host/keld_portal.h"
 #include "host/keld_state.h"
@@ -47,8 +46,8 @@ int RunKeldDaemon(DaemonOptions options);
 // Client side: sends one request to the daemon of `state_dir` and reads its reply. Returns false
 // with `*error` set when no daemon answers ("keld is not running") or the exchange fails.
 // `*not_running` tells the first case apart.
-bool KeldRequest(const std::string& state_dir, const nlohmann::json& request,
-                 nlohmann::json* reply, std::string* error, bool* not_running);
+bool KeldRequest(const std::string& state_dir, const nlohmann::json& request, nlohmann::json* reply,
+                 std::string* error, bool* not_running);
 
 }  // namespace keld
 }  // namespace kel

@@ -1,13 +1,11 @@
 #include "host/keld_json_source.h"
 
-#include <cstdlib>
 #include <fstream>
 #include <map>
 #include <set>
 #include <sstream>
 
 #include "platform/exception.h"
-#include "platform/log.h"
 
 namespace kel {
 namespace keld {
@@ -25,7 +23,8 @@ class Reader {
   }
 
   void CheckKeys(const json& obj, const std::string& at, const std::set<std::string>& allowed) {
-    if (!obj.is_object()) Refuse("'" + (at.empty() ? std::string("(top)") : at) + "' must be an object");
+    if (!obj.is_object())
+      Refuse("'" + (at.empty() ? std::string("(top)") : at) + "' must be an object");
     for (auto it = obj.begin(); it != obj.end(); ++it) {
       if (allowed.count(it.key()) == 0) {
         Refuse("unknown key '" + (at.empty() ? "" : at + ".") + it.key() + "'");
@@ -208,7 +207,8 @@ json DesiredStateToJson(const DesiredState& state) {
   }
   json out = {{"targets", targets}};
   bool nobody = false;
-  for (const DesiredTarget& d : state.targets) nobody |= d.initiatorsRestricted && d.initiators.empty();
+  for (const DesiredTarget& d : state.targets)
+    nobody |= d.initiatorsRestricted && d.initiators.empty();
   if (nobody) out["initiatorGroups"] = {{"no-initiators", json::array()}};
   return out;
 }
@@ -225,17 +225,6 @@ DesiredState JsonFileStateSource::Load() {
     throw OrsaCtlException("desired state " + path_ + ": " + e.what());
   }
   return DesiredStateFromJson(j, path_);
-}
-
-std::unique_ptr<DesiredStateSource> MakeDefaultStateSource(const std::string& json_path) {
-  std::string path = json_path;
-  if (path.empty()) {
-    const char* env = getenv("KELD_DESIRED_STATE");
-    if (env != nullptr) path = env;
-  }
-  if (!path.empty()) return std::make_unique<JsonFileStateSource>(path);
-  LogWarning("%s: No desired-state source is configured; serving nothing\n", "keld");
-  return std::make_unique<StaticStateSource>(DesiredState{}, "none");
 }
 
 }  // namespace keld

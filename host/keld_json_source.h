@@ -2,9 +2,9 @@
 //
 //   {"initiatorGroups": {"<group>": ["<initiator name>", ...]},
 //    "targets": [{"iqn": "...", "alias": "...", "uuid": "...", "status": "online"|"offline",
-//                 "portals": [{"interface": "nuk0", "port": 3260}, {"address": "::1", "port": 3261}],
-//                 "authType": "none"|"deny"|"chap"|"chap-mutual",
-//                 "chap": [{"user": "...", "secret": "...", "mutualUser": "...",
+//                 "portals": [{"interface": "nuk0", "port": 3260}, {"address": "::1", "port":
+//                 3261}], "authType": "none"|"deny"|"chap"|"chap-mutual", "chap": [{"user": "...",
+//                 "secret": "...", "mutualUser": "...",
 //                           "mutualSecret": "..."}],
 //                 "initiators": ["iqn..."], "initiatorGroups": ["<group>"],
 //                 "luns": [{"id": 0, "path": "/abs/file", "status": "online"|"offline",
@@ -15,9 +15,8 @@
 // 3260, the auth type to "none".
 #pragma once
 
-#include <string>
-
 #include <nlohmann/json.hpp>
+#include <string>
 
 #include "host/keld_state.h"
 

@@ -36,8 +36,8 @@ bool SameMegabytes(uint64_t bytes, uint64_t shown_mb) {
 }
 
 std::string LunName(const DesiredLun& lun) {
-  return "LUN " + std::to_string(lun.id) + " (SCSI LUN " + std::to_string(ScsiLunForKelLun(lun.id)) +
-         ")";
+  return "LUN " + std::to_string(lun.id) + " (SCSI LUN " +
+         std::to_string(ScsiLunForKelLun(lun.id)) + ")";
 }
 
 }  // namespace
@@ -45,11 +45,11 @@ std::string LunName(const DesiredLun& lun) {
 struct KeldReconciler::Plan {
   const DesiredTarget* target = nullptr;
   std::vector<ResolvedPortal> portals;
-  std::vector<std::string> incoming;             // account users bound for logins
-  std::string outgoing;                          // account the target answers mutual CHAP with
-  std::map<std::string, std::string> secrets;    // every account it needs -> password
-  std::vector<std::string> acl;                  // initiator names or "ALL"
-  std::map<int, const DesiredLun*> luns;         // SCSI LUN -> online LUN
+  std::vector<std::string> incoming;           // account users bound for logins
+  std::string outgoing;                        // account the target answers mutual CHAP with
+  std::map<std::string, std::string> secrets;  // every account it needs -> password
+  std::vector<std::string> acl;                // initiator names or "ALL"
+  std::map<int, const DesiredLun*> luns;       // SCSI LUN -> online LUN
 };
 
 KeldReconciler::KeldReconciler(TgtAdmin& admin, DiskLocker& locker, PortalResolver& resolver)
@@ -74,7 +74,8 @@ bool KeldReconciler::PlanTarget(const DesiredTarget& d, Plan* plan,
     if (lun.id < 0 || lun.id > 255) {
       return refuse("LUN id " + std::to_string(lun.id) + " is out of range (0..255)");
     }
-    if (!ids.insert(lun.id).second) return refuse("LUN id " + std::to_string(lun.id) + " is given twice");
+    if (!ids.insert(lun.id).second)
+      return refuse("LUN id " + std::to_string(lun.id) + " is given twice");
     if (lun.path.empty() || lun.path[0] != '/') {
       return refuse(LunName(lun) + " has no absolute backing file path");
     }
@@ -142,7 +143,8 @@ ReconcileResult KeldReconciler::Apply(const DesiredState& desired) {
   TgtState cur;
   TgtResult shown = admin_.Show(&cur);
   if (!shown.ok()) {
-    result.problems.push_back({Outcome::kFailure, "", "cannot read tgtd's state: " + shown.message});
+    result.problems.push_back(
+        {Outcome::kFailure, "", "cannot read tgtd's state: " + shown.message});
     return result;
   }
   for (const TgtTarget& t : cur.targets) next_tid_ = std::max(next_tid_, t.tid + 1);
@@ -204,7 +206,8 @@ ReconcileResult KeldReconciler::Apply(const DesiredState& desired) {
     }
     TgtResult r = admin_.DeleteTarget(it->tid, true);
     if (!r.ok() && r.error != TgtError::kNotFound) {
-      result.problems.push_back({Outcome::kFailure, it->name, "cannot withdraw target: " + r.message});
+      result.problems.push_back(
+          {Outcome::kFailure, it->name, "cannot withdraw target: " + r.message});
       ++it;
       continue;
     }
@@ -242,8 +245,8 @@ ReconcileResult KeldReconciler::Apply(const DesiredState& desired) {
     if (accounts.count(user) != 0 || bound.count(user) != 0) continue;
     TgtResult r = admin_.DeleteAccount(user);
     if (!r.ok() && r.error != TgtError::kNotFound) {
-      result.problems.push_back({Outcome::kFailure, "", "cannot delete CHAP account " + user + ": " +
-                                                            r.message});
+      result.problems.push_back(
+          {Outcome::kFailure, "", "cannot delete CHAP account " + user + ": " + r.message});
       continue;
     }
     ++result.changes;
@@ -285,8 +288,8 @@ void KeldReconciler::ApplyPortals(const std::map<std::string, ResolvedPortal>& w
     if (wanted.count(text) != 0) continue;
     TgtResult r = admin_.DeletePortal(text);
     if (!r.ok()) {
-      result.problems.push_back({Outcome::kFailure, "", "cannot delete portal " + text + ": " +
-                                                            r.message});
+      result.problems.push_back(
+          {Outcome::kFailure, "", "cannot delete portal " + text + ": " + r.message});
       continue;
     }
     ++result.changes;
@@ -301,8 +304,8 @@ bool KeldReconciler::EnsureAccount(const std::string& user, const std::string& s
   auto known = secrets_.find(user);
   if (exists && known != secrets_.end() && known->second == secret) return true;
   auto fail = [&](const std::string& what, const TgtResult& r) {
-    result.problems.push_back({Outcome::kFailure, "", what + " CHAP account " + user + ": " +
-                                                          r.message});
+    result.problems.push_back(
+        {Outcome::kFailure, "", what + " CHAP account " + user + ": " + r.message});
     return false;
   };
   if (!exists) {
@@ -522,8 +525,8 @@ void KeldReconciler::ApplyLuns(const Plan& plan, TgtTarget& t, ReconcileResult& 
     }
 
     auto known = opened_size_.find(key);
-    bool resized = known != opened_size_.end() ? known->second != size
-                                               : !SameMegabytes(size, have->sizeMb);
+    bool resized =
+        known != opened_size_.end() ? known->second != size : !SameMegabytes(size, have->sizeMb);
     if (resized) {
       // Re-opening the file is what makes tgtd see the new size; it stays online.
       TgtResult r = admin_.UpdateLun(t.tid, scsi, "online=0,path=" + lun.path);

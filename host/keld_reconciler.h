@@ -83,10 +83,10 @@ class KeldReconciler {
   PortalResolver& resolver_;
 
   int next_tid_ = 1;
-  std::map<std::string, std::string> secrets_;            // account -> password it was made with
-  std::map<std::pair<int, int>, uint64_t> opened_size_;   // (tid, SCSI LUN) -> bytes when opened
-  std::map<std::string, std::string> portal_interface_;   // portal text -> interface name
-  std::map<std::string, DesiredTarget> last_desired_;     // iqn -> what was last asked for
+  std::map<std::string, std::string> secrets_;           // account -> password it was made with
+  std::map<std::pair<int, int>, uint64_t> opened_size_;  // (tid, SCSI LUN) -> bytes when opened
+  std::map<std::string, std::string> portal_interface_;  // portal text -> interface name
+  std::map<std::string, DesiredTarget> last_desired_;    // iqn -> what was last asked for
 };
 
 }  // namespace keld

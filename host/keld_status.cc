@@ -7,32 +7,11 @@ namespace keld {
 
 using nlohmann::json;
 
-Outcome OutcomeOf(const std::vector<Problem>& problems) {
-  if (problems.empty()) return Outcome::kOk;
-  for (const Problem& p : problems) {
-    if (p.code != Outcome::kReservation) return Outcome::kFailure;
-  }
-  return Outcome::kReservation;
-}
-
-const char* AuthRuleName(AuthRule rule) {
-  switch (rule) {
-    case AuthRule::kNone:
-      return "none";
-    case AuthRule::kDeny:
-      return "deny";
-    case AuthRule::kChap:
-      return "chap";
-    case AuthRule::kChapMutual:
-      return "chap-mutual";
-  }
-  return "none";
-}
-
 json ProblemsToJson(const std::vector<Problem>& problems) {
   json out = json::array();
   for (const Problem& p : problems) {
-    out.push_back({{"code", static_cast<int>(p.code)}, {"target", p.target}, {"message", p.message}});
+    out.push_back(
+        {{"code", static_cast<int>(p.code)}, {"target", p.target}, {"message", p.message}});
   }
   return out;
 }

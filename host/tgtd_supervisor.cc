@@ -51,8 +51,7 @@ std::string ReadText(const std::string& path) {
 bool IsTgtdOn(pid_t pid, int index) {
   std::string cmdline = ReadText("/proc/" + std::to_string(pid) + "/cmdline");
   if (cmdline.find("tgtd") == std::string::npos) return false;
-  return cmdline.find(std::string("-C") + '\0' + std::to_string(index) + '\0') !=
-         std::string::npos;
+  return cmdline.find(std::string("-C") + '\0' + std::to_string(index) + '\0') != std::string::npos;
 }
 
 bool ProcessExists(pid_t pid) { return kill(pid, 0) == 0 || errno == EPERM; }
@@ -146,10 +145,9 @@ bool TgtdSupervisor::Start(const std::string& portal, Problem* problem) {
 
   std::vector<int> candidates;
   if (options_.controlIndex < 0 || options_.controlIndex > kMaxControlIndex) {
-    *problem = {Outcome::kFailure, "", "tgtd control index " +
-                                           std::to_string(options_.controlIndex) +
-                                           " is out of range (1.." +
-                                           std::to_string(kMaxControlIndex) + ")"};
+    *problem = {Outcome::kFailure, "",
+                "tgtd control index " + std::to_string(options_.controlIndex) +
+                    " is out of range (1.." + std::to_string(kMaxControlIndex) + ")"};
     return false;
   }
   if (options_.controlIndex > 0) {
@@ -175,8 +173,8 @@ bool TgtdSupervisor::Start(const std::string& portal, Problem* problem) {
 bool TgtdSupervisor::StartOn(int index, const std::string& portal, bool* index_taken,
                              Problem* problem) {
   const std::string listen = portal.empty() ? "127.0.0.1:0" : portal;
-  std::vector<std::string> argv = {options_.tgtdProgram, "-f", "-C", std::to_string(index),
-                                   "--iscsi", "portal=" + listen};
+  std::vector<std::string> argv = {options_.tgtdProgram,  "-f",      "-C",
+                                   std::to_string(index), "--iscsi", "portal=" + listen};
   std::string error;
   pid_t pid = SpawnProgram(argv, logPath(), &error);
   if (pid < 0) {
@@ -213,8 +211,9 @@ bool TgtdSupervisor::StartOn(int index, const std::string& portal, bool* index_t
   kill(pid, SIGKILL);
   waitpid(pid, nullptr, 0);
   RemoveFiles(index);
-  *problem = {Outcome::kFailure, "", "tgtd did not answer on control index " +
-                                         std::to_string(index) + " (see " + logPath() + ")"};
+  *problem = {
+      Outcome::kFailure, "",
+      "tgtd did not answer on control index " + std::to_string(index) + " (see " + logPath() + ")"};
   return false;
 }
 
@@ -244,8 +243,8 @@ bool TgtdSupervisor::Alive() {
   if (pid_ <= 0) return false;
   int status = 0;
   if (waitpid(pid_, &status, WNOHANG) != pid_) return true;
-  LogWarning("%s: tgtd (pid %d) exited unexpectedly with status %d\n", kTag,
-             static_cast<int>(pid_), status);
+  LogWarning("%s: tgtd (pid %d) exited unexpectedly with status %d\n", kTag, static_cast<int>(pid_),
+             status);
   RemoveFiles(index_);
   pid_ = -1;
   return false;

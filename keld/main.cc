@@ -1,11 +1,10 @@
 // keld: serves kel's targets through tgtd. The service drives it as
 // "keld ++group=serad-tmp restart|reload|io_stop"; the work is in host/keld_control.h.
+#include <CLI/CLI.hpp>
 #include <cstring>
 #include <iostream>
 #include <string>
 #include <vector>
-
-#include <CLI/CLI.hpp>
 
 #include "host/keld_control.h"
 
@@ -32,8 +31,9 @@ int main(int argc, char** argv) {
                   "seconds between periodic reconciles")
       ->check(CLI::PositiveNumber);
   CLI::App* restart = app.add_subcommand("restart", "(re)start the daemon in the background");
-  restart->add_option("--interval", options.reconcileIntervalSeconds,
-                      "seconds between periodic reconciles")
+  restart
+      ->add_option("--interval", options.reconcileIntervalSeconds,
+                   "seconds between periodic reconciles")
       ->check(CLI::PositiveNumber);
   app.add_subcommand("reload", "reconcile now; returns once the change is served");
   app.add_subcommand("io_stop", "withdraw everything and stop tgtd and the daemon");

@@ -41,8 +41,9 @@ void FakeTgtd::FailNext(const std::string& op, TgtError error, const std::string
 
 bool FakeTgtd::Begin(const std::string& op, TgtResult* r) {
   if (!running) {
-    *r = TgtFailure(TgtError::kNotRunning,
-                    "failed to send request hdr to tgt daemon, Transport endpoint is not connected");
+    *r =
+        TgtFailure(TgtError::kNotRunning,
+                   "failed to send request hdr to tgt daemon, Transport endpoint is not connected");
     return false;
   }
   auto it = fail_next_.find(op);
@@ -166,7 +167,8 @@ TgtResult FakeTgtd::SetTargetState(int tid, const std::string& state) {
   if (!Begin("SetTargetState", &r)) return r;
   Target* t = Get(tid, &r);
   if (t == nullptr) return r;
-  if (state != "ready" && state != "offline") return TgtFailure(TgtError::kInvalid, "invalid request");
+  if (state != "ready" && state != "offline")
+    return TgtFailure(TgtError::kInvalid, "invalid request");
   t->state = state;
   return Ok("SetTargetState", tid, state);
 }
@@ -193,7 +195,8 @@ TgtResult FakeTgtd::DeleteLun(int tid, int lun) {
   Target* t = Get(tid, &r);
   if (t == nullptr) return r;
   if (lun == 0) return TgtFailure(TgtError::kInvalid, "invalid request");
-  if (t->luns.erase(lun) == 0) return TgtFailure(TgtError::kNotFound, "can't find the logical unit");
+  if (t->luns.erase(lun) == 0)
+    return TgtFailure(TgtError::kNotFound, "can't find the logical unit");
   return Ok("DeleteLun", tid, std::to_string(lun));
 }
 
@@ -223,7 +226,8 @@ TgtResult FakeTgtd::UpdateLun(int tid, int lun, const std::string& params) {
     }
   }
   if (!path.empty()) {
-    if (!FileSize(path, &updated.openedBytes)) return TgtFailure(TgtError::kInvalid, "invalid request");
+    if (!FileSize(path, &updated.openedBytes))
+      return TgtFailure(TgtError::kInvalid, "invalid request");
     updated.path = path;
     updated.online = true;
     ++updated.opens;
@@ -237,7 +241,8 @@ TgtResult FakeTgtd::BindAcl(int tid, const std::string& rule) {
   if (!Begin("BindAcl", &r)) return r;
   Target* t = Get(tid, &r);
   if (t == nullptr) return r;
-  if (Has(t->acl, rule)) return TgtFailure(TgtError::kExists, "this access control rule already exists");
+  if (Has(t->acl, rule))
+    return TgtFailure(TgtError::kExists, "this access control rule already exists");
   t->acl.push_back(rule);
   return Ok("BindAcl", tid, rule);
 }
@@ -257,7 +262,8 @@ TgtResult FakeTgtd::UnbindAcl(int tid, const std::string& rule) {
 TgtResult FakeTgtd::NewAccount(const std::string& user, const std::string& password) {
   TgtResult r;
   if (!Begin("NewAccount", &r)) return r;
-  if (accounts.count(user) != 0) return TgtFailure(TgtError::kExists, "this account already exists");
+  if (accounts.count(user) != 0)
+    return TgtFailure(TgtError::kExists, "this account already exists");
   accounts[user] = password;
   return Ok("NewAccount", 0, user);
 }

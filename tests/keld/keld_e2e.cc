@@ -1,16 +1,15 @@
 // keld and tgtd serving a real iSCSI initiator (libiscsi's tools and the library itself) on a
 // loopback address. One keld serves the whole binary; each test changes the desired state,
 // runs `keld reload` and checks what the initiator sees right after it returns.
+#include <gtest/gtest.h>
 #include <iscsi/iscsi.h>
 #include <iscsi/scsi-lowlevel.h>
 
 #include <algorithm>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
-#include <nlohmann/json.hpp>
 
 #include "host/keld_state.h"
 #include "tests/keld/keld_test_helpers.h"
@@ -149,8 +148,9 @@ class Session {
   std::string error() const { return iscsi_get_error(ctx_); }
 
   bool Write(uint64_t lba, const std::vector<unsigned char>& data) {
-    scsi_task* task = iscsi_write16_sync(ctx_, url_->lun, lba, const_cast<unsigned char*>(data.data()),
-                                         static_cast<uint32_t>(data.size()), 512, 0, 0, 0, 0, 0);
+    scsi_task* task =
+        iscsi_write16_sync(ctx_, url_->lun, lba, const_cast<unsigned char*>(data.data()),
+                           static_cast<uint32_t>(data.size()), 512, 0, 0, 0, 0, 0);
     bool ok = task != nullptr && task->status == SCSI_STATUS_GOOD;
     if (task != nullptr) scsi_free_scsi_task(task);
     return ok;

@@ -1,16 +1,15 @@
 // keld's program with a real tgtd (no initiator): start-up reservations, stop, crashes.
 #include <arpa/inet.h>
+#include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <nlohmann/json.hpp>
 #include <string>
 #include <thread>
-
-#include <gtest/gtest.h>
-#include <nlohmann/json.hpp>
 
 #include "host/keld_disk_lock.h"
 #include "host/tgt_admin.h"
@@ -74,9 +73,10 @@ TEST(KeldProgram, ControlIndexInUseIsAFailedReservation) {
   const std::string address = "127.0.0.152";
   kel::testing::ChildProcess other;
   kel::testing::TempDir dir;
-  ASSERT_TRUE(other.Start({"tgtd", "-f", "-C", std::to_string(index), "--iscsi",
-                           "portal=" + address + ":" + std::to_string(kel::testing::FreeLoopbackPort(address))},
-                          dir.Join("tgtd.log")));
+  ASSERT_TRUE(other.Start(
+      {"tgtd", "-f", "-C", std::to_string(index), "--iscsi",
+       "portal=" + address + ":" + std::to_string(kel::testing::FreeLoopbackPort(address))},
+      dir.Join("tgtd.log")));
   TgtAdmCommand admin(index);
   TgtState shown;
   ASSERT_TRUE(Eventually([&] { return admin.Show(&shown).ok(); }));
@@ -141,6 +141,15 @@ TEST(KeldProgram, IoStopWithdrawsEverythingAndLeavesDisksAsTheyWere) {
   const std::string digest = kel::testing::Sha256OfFile(disk);
   std::string why;
   EXPECT_FALSE(ProbeDiskReleased(disk, &why));
+
+  // An unreadable desired state is reported and withdraws nothing.
+  kel::testing::WriteFile(host.Path("desired.json"), "{not json");
+  CommandResult bad = host.Keld({"reload"});
+  EXPECT_EQ(bad.exit_code, 2);
+  EXPECT_TRUE(Contains(bad.err, "desired state " + host.Path("desired.json"))) << bad.err;
+  CommandResult shown = host.Keld({"status", "--json"});
+  EXPECT_EQ(nlohmann::json::parse(shown.out)["targets"].size(), 1u) << shown.out;
+  host.Write(state);
 
   // A second daemon for the same state directory is refused.
   CommandResult second = host.Keld({"run"});

@@ -1,8 +1,8 @@
 #include "host/keld_json_source.h"
 
-#include <string>
-
 #include <gtest/gtest.h>
+
+#include <string>
 
 #include "platform/exception.h"
 #include "tests/support/test_support.h"

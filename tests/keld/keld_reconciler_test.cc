@@ -1,11 +1,11 @@
 #include "host/keld_reconciler.h"
 
+#include <gtest/gtest.h>
+
 #include <map>
 #include <set>
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "host/keld_disk_lock.h"
 #include "host/keld_portal.h"

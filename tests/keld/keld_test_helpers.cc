@@ -84,8 +84,8 @@ KeldHost::KeldHost(const std::string& address, int tgtd_control_index) : address
   std::ostringstream host;
   host << "{\"stateDir\": \"" << state_dir_ << "\", \"datastore\": {\"path\": \""
        << dir_.Join("datastore") << "\"}, \"network\": {\"interfaces\": {\"nuk0\": {\"ipv4\": \""
-       << address << "\", \"ipv6\": \"\"}}}, \"daemon\": {\"tgtdControlPort\": "
-       << tgtd_control_index << "}}";
+       << address
+       << "\", \"ipv6\": \"\"}}}, \"daemon\": {\"tgtdControlPort\": " << tgtd_control_index << "}}";
   kel::testing::WriteFile(dir_.Join("host.json"), host.str());
   Write(DesiredState{});
 }
@@ -106,9 +106,12 @@ void KeldHost::Write(const DesiredState& state) {
 }
 
 kel::testing::CommandResult KeldHost::Keld(const std::vector<std::string>& args) {
-  std::vector<std::string> argv = {kel::testing::BinaryDir() + "/keld/keld", "--config",
-                                   dir_.Join("host.json"), "--desired-state",
-                                   dir_.Join("desired.json"), "++group=serad-tmp"};
+  std::vector<std::string> argv = {kel::testing::BinaryDir() + "/keld/keld",
+                                   "--config",
+                                   dir_.Join("host.json"),
+                                   "--desired-state",
+                                   dir_.Join("desired.json"),
+                                   "++group=serad-tmp"};
   argv.insert(argv.end(), args.begin(), args.end());
   return kel::testing::RunCommand(argv, "", {}, std::chrono::milliseconds(120000));
 }

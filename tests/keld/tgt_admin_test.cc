@@ -1,9 +1,9 @@
 #include "host/tgt_admin.h"
 
+#include <gtest/gtest.h>
+
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "tests/support/test_support.h"
 
@@ -137,7 +137,9 @@ TEST(TgtAdmin, ClassifiesErrorsByTheirText) {
     TgtResult r = ClassifyTgtadm(c.code, c.err);
     EXPECT_EQ(r.error, c.want) << c.err;
     EXPECT_EQ(r.exitCode, c.code);
-    if (c.message != nullptr) EXPECT_EQ(r.message, c.message);
+    if (c.message != nullptr) {
+      EXPECT_EQ(r.message, c.message);
+    }
   }
 }
 
@@ -149,16 +151,20 @@ class TgtAdmCommandTest : public ::testing::Test {
     kel::testing::WriteFile(
         program_,
         "#!/bin/sh\n"
-        "for a in \"$@\"; do printf '%s|' \"$a\" >> " + dir_.Join("args") + "; done\n"
-        "echo >> " + dir_.Join("args") + "\n"
-        "case \"$*\" in\n"
-        "  *'--mode target --op show'*) printf 'Target 3: iqn.x:t\\n    System information:\\n"
-        "        State: ready\\n' ;;\n"
-        "  *'--mode account --op show'*) printf 'Account list:\\n    u\\n' ;;\n"
-        "  *'--mode portal --op show'*) printf 'Portal: 127.0.0.9:3260,1\\n' ;;\n"
-        "  *'--tid 9'*) echo 'tgtadm: can'\"'\"'t find the target' >&2; exit 22 ;;\n"
-        "  *'--tid 10'*) exit 107 ;;\n"
-        "esac\n",
+        "for a in \"$@\"; do printf '%s|' \"$a\" >> " +
+            dir_.Join("args") +
+            "; done\n"
+            "echo >> " +
+            dir_.Join("args") +
+            "\n"
+            "case \"$*\" in\n"
+            "  *'--mode target --op show'*) printf 'Target 3: iqn.x:t\\n    System information:\\n"
+            "        State: ready\\n' ;;\n"
+            "  *'--mode account --op show'*) printf 'Account list:\\n    u\\n' ;;\n"
+            "  *'--mode portal --op show'*) printf 'Portal: 127.0.0.9:3260,1\\n' ;;\n"
+            "  *'--tid 9'*) echo 'tgtadm: can'\"'\"'t find the target' >&2; exit 22 ;;\n"
+            "  *'--tid 10'*) exit 107 ;;\n"
+            "esac\n",
         0755);
   }
 
