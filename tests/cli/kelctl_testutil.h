@@ -2,6 +2,7 @@
 #pragma once
 
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "tests/service/service_env.h"
@@ -12,6 +13,8 @@ namespace testing {
 class Kelctl {
  public:
   explicit Kelctl(const ServiceEnv& env) : config_(env.WriteHostConfigFile()) {}
+  // kelctl of a host whose configuration file is `configPath`.
+  explicit Kelctl(std::string configPath) : config_(std::move(configPath)) {}
 
   CommandResult Run(const std::vector<std::string>& args, const std::string& input = "") const {
     std::vector<std::string> argv = {BinaryDir() + "/cli/kelctl", "--config", config_};

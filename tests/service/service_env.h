@@ -98,23 +98,34 @@ class ServiceEnv {
 
   // The host configuration as a file for kelctl and other processes.
   std::string WriteHostConfigFile() const {
+    const std::string path = dir_.Join("host.json");
+    WriteFile(path, HostConfigJson(config_));
+    return path;
+  }
+
+  static std::string HostConfigJson(const platform::HostConfig& c) {
     nlohmann::json j;
-    j["host"] = {{"uuid", config_.hostUuid}, {"name", config_.hostName}, {"site", ""}};
-    j["stateDir"] = config_.stateDir;
-    j["datastore"] = {{"path", config_.datastorePath}};
-    j["directory"] = {{"backend", "embedded"}};
+    j["host"] = {{"uuid", c.hostUuid}, {"name", c.hostName}, {"site", c.hostSite}};
+    j["stateDir"] = c.stateDir;
+    j["datastore"] = {{"path", c.datastorePath}};
+    if (c.directoryBackend == "etcd") {
+      j["directory"] = {{"backend", "etcd"},
+                        {"endpoints", c.etcdEndpoints},
+                        {"prefix", c.etcdPrefix},
+                        {"leaseTtlSeconds", c.leaseTtlSeconds}};
+    } else {
+      j["directory"] = {{"backend", "embedded"}};
+    }
     nlohmann::json nics = nlohmann::json::object();
-    for (const auto& [name, nic] : config_.interfaces) {
+    for (const auto& [name, nic] : c.interfaces) {
       nics[name] = {{"ipv4", nic.ipv4}, {"ipv6", nic.ipv6}};
     }
     j["network"] = {{"interfaces", nics}};
-    j["daemon"] = {{"control", config_.daemonControl}, {"tgtdControlPort", 0}};
+    j["daemon"] = {{"control", c.daemonControl}, {"tgtdControlPort", 0}};
     j["firewall"] = {{"backend", "none"}};
-    j["options"] = config_.options;
+    j["options"] = c.options;
     j["productEnabled"] = true;
-    const std::string path = dir_.Join("host.json");
-    WriteFile(path, j.dump(2));
-    return path;
+    return j.dump(2);
   }
 
   // Creates the namespace with the default interface "nuk0" and enables the service.

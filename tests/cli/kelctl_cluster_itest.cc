@@ -1,0 +1,87 @@
+// Two hosts sharing one datastore and one real etcd, each driven by kelctl: a target made on one
+// host is listed with its owner on the other, and moves to it.
+#include <gtest/gtest.h>
+
+#include <nlohmann/json.hpp>
+#include <string>
+
+#include "directory/config_entry.h"
+#include "platform/directory.h"
+#include "tests/cli/kelctl_testutil.h"
+#include "tests/support/etcd_fixture.h"
+
+namespace kel {
+namespace testing {
+namespace {
+
+using nlohmann::json;
+
+platform::HostConfig HostOf(const TempDir& root, const std::string& name,
+                            const std::string& address, const std::string& endpoint) {
+  platform::HostConfig c = MakeTestHostConfig(root.path(), name, endpoint, "/kel/cluster-itest");
+  c.networkOverride = true;
+  c.interfaces["nuk0"] = {address, ""};
+  c.daemonControl = "true";
+  mkdir(c.stateDir.c_str(), 0700);
+  mkdir(c.datastorePath.c_str(), 0700);
+  return c;
+}
+
+TEST(KelctlCluster, TargetsAreSeenAndMovedAcrossHosts) {
+  if (!EtcdServer::Available()) GTEST_SKIP() << "etcd is not installed";
+  EtcdServer etcd;
+  std::string error;
+  ASSERT_TRUE(etcd.Start(&error)) << error;
+  TempDir root;
+  const platform::HostConfig a = HostOf(root, "host-a", "127.0.0.61", etcd.Endpoint());
+  const platform::HostConfig b = HostOf(root, "host-b", "127.0.0.62", etcd.Endpoint());
+  WriteFile(root.Join("a.json"), ServiceEnv::HostConfigJson(a));
+  WriteFile(root.Join("b.json"), ServiceEnv::HostConfigJson(b));
+  Kelctl ka(root.Join("a.json"));
+  Kelctl kb(root.Join("b.json"));
+
+  // This process is host A's agent: it keeps A a live member between kelctl runs.
+  platform::SetCurrentHostConfig(a);
+  platform::CloseDirectory();
+  platform::SetDirectoryRole(platform::DirectoryRole::kHostAgent);
+  ASSERT_NE(platform::GetDirectory(), nullptr);
+
+  ASSERT_EQ(ka.Run({"namespace", "create"}).exit_code, 0) << ka.transcript();
+  ASSERT_EQ(ka.Run({"service", "enable"}).exit_code, 0) << ka.transcript();
+  ASSERT_EQ(ka.Run({"target", "add", "--alias", "t1"}).exit_code, 0) << ka.transcript();
+  ASSERT_EQ(ka.Run({"lun", "add", "--target", "t1", "--size", "8MiB"}).exit_code, 0)
+      << ka.transcript();
+
+  ASSERT_EQ(kb.Run({"service", "enable"}).exit_code, 0) << kb.transcript();
+  json targets = json::parse(kb.Run({"target", "list", "--json"}).out);
+  ASSERT_EQ(targets.size(), 1u) << kb.transcript();
+  EXPECT_EQ(targets[0]["ownerHostUuid"], a.hostUuid);
+  EXPECT_EQ(targets[0]["ownerHostName"], "host-a");
+  EXPECT_EQ(targets[0]["luns"].size(), 1u);
+
+  // B's own target, then A's target moved to B.
+  ASSERT_EQ(kb.Run({"target", "add", "--alias", "t2"}).exit_code, 0) << kb.transcript();
+  CommandResult r = kb.Run({"target", "transfer", "--alias", "t1", "--retries", "0"});
+  ASSERT_EQ(r.exit_code, 0) << kb.transcript();
+  EXPECT_NE(r.out.find("moved to host host-b"), std::string::npos) << r.out;
+  EXPECT_TRUE(json::parse(ka.Run({"target", "list", "--local", "--json"}).out).empty())
+      << ka.transcript();
+  targets = json::parse(ka.Run({"target", "list", "--json"}).out);
+  ASSERT_EQ(targets.size(), 2u);
+  for (const auto& t : targets) EXPECT_EQ(t["ownerHostUuid"], b.hostUuid) << t["alias"];
+
+  // The configuration entry was last published by B's kelctl under a lease of its own, which
+  // goes with it; the re-publication that A's agent runs puts it under A's lease with the shared
+  // file's generation.
+  uint64_t published = 0;
+  NukCtl::Orsa::IscsiTarget::OrsaIscsiTargetImpl::KelCheckConfigLodexEntry();
+  ASSERT_EQ(KeldGetConfigGenNumInLodex(&published), NUK_OK);
+  EXPECT_EQ(published, GenerationOf(ReadFile(a.datastorePath + "/.iSCSI-CONFIG/etc/kel.conf")));
+
+  platform::CloseDirectory();
+  platform::SetDirectoryRole(platform::DirectoryRole::kClient);
+}
+
+}  // namespace
+}  // namespace testing
+}  // namespace kel
