@@ -64,8 +64,12 @@ TEST_F(ServiceOps, EnableDisableAndTheStateCheck) {
   auto* impl = dynamic_cast<Kel::OrsaIscsiTargetImpl*>(svc_.get());
   ASSERT_NE(impl, nullptr);
 
+  log::LogCapture enableLog;
   svc_->SetIscsiTargetStatus(true, false);
   EXPECT_EQ(env_.ControlRuns(), std::vector<std::string>{"++group=serad-tmp restart"});
+  // Namespace creation had brought the libraries up; enabling starts them afresh.
+  EXPECT_TRUE(enableLog.Contains("De-initializing disk lib."));
+  EXPECT_TRUE(enableLog.Contains("Initialized compliance lib."));
   EXPECT_TRUE(svc_->GetIscsiTargetStatus(true));
   EXPECT_TRUE(impl->VirtualDiskReadyForTest());
   EXPECT_TRUE(impl->ComplianceReadyForTest());
@@ -563,6 +567,22 @@ TEST_F(ServiceOps, NamespaceInfoAndPolicy) {
   good.storagePolicy = "((\"proportionalCapacity\" i10))";
   svc_->UpdateNamespaceConfig(good);
   EXPECT_EQ(svc_->GetNamespaceInfo(false).storagePolicy, "((\"proportionalCapacity\" i10))");
+}
+
+TEST_F(ServiceOps, DeleteNamespaceRemovesTheFileTheDirectoriesAndTheNamespace) {
+  DefaultInfo defaults;
+  defaults.networkInterface = "nuk0";
+  svc_->CreateNamespace(NamespaceCreateParam(), defaults);
+  const std::string uuid = svc_->GetNamespaceInfo(false).uuid;
+  ASSERT_TRUE(PathExists(env_.conf_path()));
+  log::LogCapture capture;
+  svc_->DeleteNamespace();
+  EXPECT_FALSE(PathExists(Kel::Util::GetConfigNamespacePath()));
+  EXPECT_FALSE(PathExists(env_.datastore() + "/" + uuid));
+  const std::string lines = capture.Joined();
+  const size_t dirs = lines.find("Removing dir");
+  ASSERT_NE(dirs, std::string::npos) << lines;
+  EXPECT_NE(lines.find(uuid, dirs), std::string::npos) << lines;  // the namespace comes after
 }
 
 TEST_F(ServiceOps, TransferOnOneHostMakesOnePassPerRetryAndKeepsTheTarget) {
