@@ -57,9 +57,22 @@ bool DaemonLockHeld(const std::string& state_dir) {
   return held;
 }
 
-bool WaitDaemonGone(const std::string& state_dir) {
+// Whether `pid` still runs (a zombie or a process past its exit does not).
+bool ProcessRunning(pid_t pid) {
+  std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+  std::string line;
+  if (!std::getline(stat, line)) return false;
+  size_t paren = line.rfind(')');
+  if (paren == std::string::npos || paren + 2 >= line.size()) return false;
+  char state = line[paren + 2];
+  return state != 'Z' && state != 'X';
+}
+
+// Waits until the daemon has let go of the state directory and, when its PID is known, has
+// finished exiting, so that a caller that sees us return finds nothing of it left.
+bool WaitDaemonGone(const std::string& state_dir, pid_t pid) {
   for (int i = 0; i < kGoneAttempts; ++i) {
-    if (!DaemonLockHeld(state_dir)) return true;
+    if (!DaemonLockHeld(state_dir) && (pid <= 0 || !ProcessRunning(pid))) return true;
     platform::SleepMs(20);
   }
   return false;
@@ -84,28 +97,24 @@ TgtdOptions TgtdOptionsFor(const ControlOptions& options, const platform::HostCo
 int StopDaemon(const ControlOptions& options, const platform::HostConfig& config,
                std::ostream& err) {
   const std::string& dir = config.stateDir;
+  const pid_t pid = DaemonLockHeld(dir) ? DaemonPid(dir) : -1;
   json reply;
   std::string error;
   bool not_running = false;
   int code = 0;
   if (KeldRequest(dir, {{"command", "stop"}}, &reply, &error, &not_running)) {
     code = PrintProblems(reply, err);
+    WaitDaemonGone(dir, pid);
   } else if (!not_running) {
     err << error << "\n";
     code = static_cast<int>(Outcome::kFailure);
   }
-  if (DaemonLockHeld(dir)) {
-    pid_t pid = DaemonPid(dir);
-    if (!not_running) {
-      WaitDaemonGone(dir);
-    } else if (pid > 0) {
-      // Holds the lock but does not answer: SIGTERM makes it run the stop sequence.
-      kill(pid, SIGTERM);
-      WaitDaemonGone(dir);
-    }
-    if (DaemonLockHeld(dir) && pid > 0) {
+  if (DaemonLockHeld(dir) && pid > 0) {
+    // Holds the lock but does not answer: SIGTERM makes it run the stop sequence.
+    kill(pid, SIGTERM);
+    if (!WaitDaemonGone(dir, pid)) {
       kill(pid, SIGKILL);
-      WaitDaemonGone(dir);
+      WaitDaemonGone(dir, pid);
     }
   }
   TgtdSupervisor::CleanupStale(TgtdOptionsFor(options, config));
@@ -207,6 +216,11 @@ int KeldRestart(const ControlOptions& options, std::ostream& err) {
       fcntl(3, F_SETFD, 0);
     } else {
       dup2(p[1], 3);
+    }
+    // Nothing of the caller's may leak into the daemon and from there into tgtd (a listening
+    // socket would keep its address busy for as long as they run).
+    if (close_range(4, ~0U, 0) != 0) {
+      for (int fd = 4; fd < 4096; ++fd) close(fd);
     }
     int null_fd = open("/dev/null", O_RDWR);
     int out_fd = open(out_path.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0640);

@@ -176,6 +176,8 @@ pid_t SpawnProgram(const std::vector<std::string>& argv, const std::string& log_
   const char* out = log_path.empty() ? "/dev/null" : log_path.c_str();
   posix_spawn_file_actions_addopen(&setup.actions, 1, out, O_WRONLY | O_CREAT | O_APPEND, 0640);
   posix_spawn_file_actions_adddup2(&setup.actions, 1, 2);
+  // A long-running child must not hold on to whatever its parent inherited (sockets, pipes).
+  posix_spawn_file_actions_addclosefrom_np(&setup.actions, 3);
   std::vector<char*> args = MakeArgv(argv);
   pid_t pid = -1;
   int rc = posix_spawnp(&pid, args[0], &setup.actions, &setup.attr, args.data(), environ);

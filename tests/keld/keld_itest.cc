@@ -86,7 +86,8 @@ TEST(KeldProgram, ControlIndexInUseIsAFailedReservation) {
     CommandResult r = host.Keld({"restart"});
     EXPECT_EQ(r.exit_code, 1) << r.err;
     EXPECT_EQ(r.err, "tgtd control index " + std::to_string(index) + " is already in use\n");
-    EXPECT_FALSE(ProcessAlive(host.KeldPid()));
+    const int keld = host.KeldPid();
+    EXPECT_TRUE(Eventually([&] { return !ProcessAlive(keld); }));
   }
   // The other tgtd was left alone.
   EXPECT_TRUE(other.Running());
@@ -100,7 +101,7 @@ TEST(KeldProgram, ControlIndexInUseIsAFailedReservation) {
 TEST(KeldProgram, TakenPortalAddressIsAFailedReservationUntilItIsFree) {
   const std::string address = "127.0.0.153";
   const int port = kel::testing::FreeLoopbackPort(address);
-  int squatter = socket(AF_INET, SOCK_STREAM, 0);
+  int squatter = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   sockaddr_in sa = {};
   sa.sin_family = AF_INET;
   sa.sin_port = htons(static_cast<uint16_t>(port));
