@@ -55,10 +55,6 @@ struct KeldReconciler::Plan {
 KeldReconciler::KeldReconciler(TgtAdmin& admin, DiskLocker& locker, PortalResolver& resolver)
     : admin_(admin), locker_(locker), resolver_(resolver) {}
 
-void KeldReconciler::ReleaseAllLocks() {
-  for (const std::string& path : locker_.Held()) locker_.Unlock(path);
-}
-
 bool KeldReconciler::PlanTarget(const DesiredTarget& d, Plan* plan,
                                 std::vector<Problem>* problems) {
   auto refuse = [&](const std::string& message) {

@@ -58,9 +58,6 @@ class KeldReconciler {
 
   ReconcileResult Apply(const DesiredState& desired);
 
-  // Drops every disk lock; for after tgtd stopped serving everything.
-  void ReleaseAllLocks();
-
   // What tgtd serves now, with kel's LUN numbers, aliases and the sizes the files had when opened.
   // Returns false with `*error` set when tgtd cannot be asked.
   bool Status(ServedStatus* out, std::string* error);
