@@ -15,6 +15,7 @@
 #include "platform/directory.h"
 #include "platform/exception.h"
 #include "service/orsa_async_plugin.h"
+#include "service/orsa_iscsi_target_impl.h"
 
 namespace kel {
 namespace cli {
@@ -84,6 +85,7 @@ const kel::platform::HostConfig& CliContext::Host() {
 HostCtl::Orsa::IscsiTarget::OrsaIscsiTarget& CliContext::Service() {
   if (!service_) {
     Host();
+    NukCtl::Orsa::IscsiTarget::SetKelConfigSubscriptionWanted(false);
     NukCtl::Orsa::IscsiTarget::KelNukCtlInit();
     service_ = HostCtl::OrsaAsyncPluginFactory::GetAsyncOrsaPlugin()->GetOrsaIscsiTarget();
   }

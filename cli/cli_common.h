@@ -42,7 +42,8 @@ struct CliContext {
   const kel::platform::HostConfig& Host();
 
   // The management service, obtained through the plug-in factory on first use (after the load
-  // hook). Loads the host configuration first.
+  // hook). Loads the host configuration first. A kelctl process keeps no subscription to the
+  // configuration entry: it reads kel.conf itself for the one command it runs.
   HostCtl::Orsa::IscsiTarget::OrsaIscsiTarget& Service();
   // Releases the service and runs the unload hook and the directory's shutdown, if Service() was
   // used. Never throws; Main() calls it after every command.

@@ -135,8 +135,14 @@ class OrsaIscsiTargetImpl : public virtual HostCtl::Orsa::IscsiTarget::OrsaIscsi
 };
 
 // Makes sure this process holds the configuration entry's directory subscription; a failure is
-// logged ("Failed to subscribe LODEX : ...") and swallowed.
+// logged ("Failed to subscribe LODEX : ...") and swallowed. Does nothing in a process that turned
+// the subscription off.
 void _CheckKelConfigSubscription();
+// Whether this process keeps the configuration entry's subscription (default: yes). A short-lived
+// program (kelctl) turns it off before it makes its service object: its cached copy of kel.conf
+// lives no longer than one command, so it reads the file instead, and no notification of the
+// directory can still be running while it exits. Thread-safe.
+void SetKelConfigSubscriptionWanted(bool wanted);
 // Drops the subscription; a failure is logged ("Failed to unsubscribe LODEX : ...") and swallowed.
 void _UnsubscribeKelConfig();
 

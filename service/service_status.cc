@@ -1,5 +1,6 @@
 // Service state: enabling and disabling the service on this host, the entry check of every
 // configuration operation, restore after a restart, and the cluster defaults.
+#include <atomic>
 #include <boost/thread/lock_types.hpp>
 #include <boost/thread/thread.hpp>
 
@@ -30,7 +31,16 @@ const char* const kTag = "OrsaIscsiTargetImpl";
 
 }  // namespace
 
+namespace {
+
+std::atomic<bool> gSubscriptionWanted{true};
+
+}  // namespace
+
+void SetKelConfigSubscriptionWanted(bool wanted) { gSubscriptionWanted = wanted; }
+
 void _CheckKelConfigSubscription() {
+  if (!gSubscriptionWanted) return;
   try {
     if (!ConfigCache::IsLodexSubscribed()) ConfigCache::SubscribeLodex();
   } catch (const OrsaCtlException& e) {
