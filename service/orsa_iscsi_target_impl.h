@@ -69,18 +69,35 @@ class OrsaIscsiTargetImpl : public virtual HostCtl::Orsa::IscsiTarget::OrsaIscsi
   void UpdateDefaultConfig(const DefaultInfo& info) override;
 
   // --- Targets (service/target_ops.cc) ---
+  // Creates the target's namespace object, makes this host its owner in the directory, then adds
+  // the target to kel.conf. When kel.conf refuses it, the namespace and the owner record are
+  // removed again; when only the change action after the write fails, the target stays (it is in
+  // the file) and the error is still thrown.
   void AddTarget(TargetCreateParam& param) override;
+  // Update semantics of conf/parser_edit.h; a new IQN is checked like one on creation. A given
+  // policy is applied to the namespace object before the write and put back if the write fails.
   void UpdateTargetConfig(TargetCreateParam& param) override;
+  // Offline first (written and reloaded), then the namespace with its disks, then the entry, then
+  // the owner record. A namespace that is already gone does not stop the removal.
   void RemoveTarget(const std::string& alias) override;
   std::vector<TargetInfo> GetTargetsInternal() override;
   TargetInfo GetTargetInfo(const std::string& alias) override;
+  // Owner host UUID and name filled in for every target (the name from one member listing).
   std::vector<TargetInfo> GetTargets(bool skipCompliance, bool localOnly) override;
   void TransferTargetsOwner(std::vector<TargetInfo>& targets, int retries) override;
   void TransferLocalTargets(int retries) override;
 
   // --- LUNs (service/lun_ops.cc) ---
+  // The checks the file repeats (number, duplicate, cluster limit) are made before the disk is
+  // created; a disk whose LUN the file then refuses is removed again.
   void AddLun(LunInfo& lun) override;
+  // Offline first, then the disk (once its holder let it go), then the entry. With forceRemove,
+  // a disk that is still held after the removal attempts does not stop the entry's removal: the
+  // disk file stays on the datastore (logged) for the administrator.
   void RemoveLun(unsigned int id, const std::string& targetAlias, bool forceRemove) override;
+  // newId -1 and an empty newTarget, alias, status, size or policy keep what the LUN has. After
+  // 5 attempts (5 s apart) whose edit or resize confirmation asked for another one, throws
+  // "Failed to update LUN <id> of target <alias> after 5 attempts".
   void UpdateLun(LunInfo& lun, int newId, const std::string& newTarget, bool locked) override;
   void GetLuns(std::string targetAlias, std::vector<LunInfo>& out, bool withCompliance) override;
   LunInfo GetLunInfo(const std::string& targetAlias, int id) override;
