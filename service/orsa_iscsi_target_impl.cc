@@ -13,6 +13,7 @@
 #include "platform/status.h"
 #include "platform/vdisk.h"
 #include "service/linux_validation_env.h"
+#include "service/service_internal.h"
 #include "service/service_locks.h"
 
 namespace NukCtl {
@@ -27,11 +28,7 @@ boost::upgrade_mutex libLock;
 std::shared_ptr<OrsaIscsiTargetImpl> OrsaIscsiTargetImpl::_singleton;
 boost::shared_mutex OrsaIscsiTargetImpl::_singletonMutex;
 
-namespace {
-
-const char* const kTag = "OrsaIscsiTargetImpl";
-
-}  // namespace
+using ServiceInternal::kTag;
 
 OrsaIscsiTargetImpl::OrsaIscsiTargetImpl() {
   try {

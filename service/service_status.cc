@@ -16,6 +16,7 @@
 #include "platform/exception.h"
 #include "platform/log.h"
 #include "service/orsa_iscsi_target_impl.h"
+#include "service/service_internal.h"
 #include "service/service_locks.h"
 
 namespace NukCtl {
@@ -25,11 +26,7 @@ namespace IscsiTarget {
 using HostCtl::Lib::Orsa::OrsaCtlException;
 using HostCtl::Orsa::IscsiTarget::DefaultInfo;
 
-namespace {
-
-const char* const kTag = "OrsaIscsiTargetImpl";
-
-}  // namespace
+using ServiceInternal::kTag;
 
 namespace {
 
