@@ -95,7 +95,7 @@ struct conf* BuildModel() {
       keld_target_lun_name(lun_name, sizeof(lun_name), target->t_name, number);
       struct lun* lun = lun_new(c, lun_name);
       lun_set_backend(lun, "pemo");
-      lun_set_path(lun, (uuid + "/disk-" + std::to_string(number) + ".vmdk").c_str());
+      lun_set_path(lun, (uuid + "/disk-" + std::to_string(number) + ".pemo").c_str());
       lun_set_size(lun, 2097152LL * (l + 1));
       lun_set_keld_lun(lun, number);
       option_new(&lun->l_options, "lun-alias", ("lun " + std::to_string(number)).c_str());

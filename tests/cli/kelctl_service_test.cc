@@ -108,29 +108,29 @@ TEST(KelctlService, EveryNounAgainstTheService) {
   EXPECT_TRUE(json::parse(k.Run({"lun", "list", "--target", "plain", "--json"}).out).empty());
 
   // Initiator groups, and a target's initiator list replaced and cleared.
-  ASSERT_EQ(k.Run({"initiator-group", "add", "esx"}).exit_code, 0);
-  ASSERT_EQ(k.Run({"initiator-group", "add-initiators", "esx", "iqn.1998-01.com.example:a",
+  ASSERT_EQ(k.Run({"initiator-group", "add", "srv"}).exit_code, 0);
+  ASSERT_EQ(k.Run({"initiator-group", "add-initiators", "srv", "iqn.1998-01.com.example:a",
                    "iqn.1998-01.com.example:b"})
                 .exit_code,
             0);
-  ASSERT_EQ(k.Run({"target", "update", "--alias", "plain", "--initiator", "esx", "--initiator",
+  ASSERT_EQ(k.Run({"target", "update", "--alias", "plain", "--initiator", "srv", "--initiator",
                    "iqn.1998-01.com.example:c"})
                 .exit_code,
             0)
       << k.transcript();
-  json group = json::parse(k.Run({"initiator-group", "show", "esx", "--json"}).out);
+  json group = json::parse(k.Run({"initiator-group", "show", "srv", "--json"}).out);
   EXPECT_EQ(group["initiators"], json({"iqn.1998-01.com.example:a", "iqn.1998-01.com.example:b"}));
   EXPECT_TRUE(group["targets"].contains("plain"));
   shown = json::parse(k.Run({"target", "show", "--alias", "plain", "--json"}).out);
   EXPECT_EQ(shown["initiators"], json({"iqn.1998-01.com.example:c"}));
-  EXPECT_EQ(shown["initiatorGroups"], json({"esx"}));
+  EXPECT_EQ(shown["initiatorGroups"], json({"srv"}));
   // An update that does not name initiators keeps them; --no-initiators clears them.
   ASSERT_EQ(k.Run({"target", "update", "--alias", "plain", "--port", "3265"}).exit_code, 0)
       << k.transcript();
   shown = json::parse(k.Run({"target", "show", "--alias", "plain", "--json"}).out);
   EXPECT_EQ(shown["port"], 3265);
   EXPECT_EQ(shown["networkInterface"], "nuk0");
-  EXPECT_EQ(shown["initiatorGroups"], json({"esx"}));
+  EXPECT_EQ(shown["initiatorGroups"], json({"srv"}));
   ASSERT_EQ(k.Run({"target", "update", "--alias", "plain", "--no-initiators"}).exit_code, 0);
   shown = json::parse(k.Run({"target", "show", "--alias", "plain", "--json"}).out);
   EXPECT_TRUE(shown["initiators"].empty());

@@ -41,8 +41,8 @@ const char kGood[] =
     "  alias \"one\"\n"
     "  auth-group uuid-1\n"
     "  option uuid uuid-1\n"
-    "  lun 4 { backend pemo; path uuid-1/a.vmdk; size 2048; option lun-alias \"a\" }\n"
-    "  lun 1 { backend pemo; path uuid-1/b.vmdk; size 4096 }\n"
+    "  lun 4 { backend pemo; path uuid-1/a.pemo; size 2048; option lun-alias \"a\" }\n"
+    "  lun 1 { backend pemo; path uuid-1/b.pemo; size 4096 }\n"
     "}\n";
 
 TEST(KelctlConf, CheckReportsAndExits) {

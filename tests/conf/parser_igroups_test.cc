@@ -32,15 +32,15 @@ TEST(ParserInitiatorGroups, AddGroupsUpToTheLimit) {
   ParserEnv env;
   const uint64_t gen = env.Generation();
   LogCapture capture;
-  Parser::AddNewInitiatorgroupToConfFile("esx-hosts");
+  Parser::AddNewInitiatorgroupToConfFile("srv-hosts");
   EXPECT_EQ(env.Generation(), gen + 1);
   EXPECT_EQ(env.Published(), gen + 1);
-  EXPECT_TRUE(capture.Contains("Parser: Added new initiator group esx-hosts successfully."));
-  EXPECT_EQ(Members(env.Read().get(), "esx-hosts"), std::vector<std::string>{});
+  EXPECT_TRUE(capture.Contains("Parser: Added new initiator group srv-hosts successfully."));
+  EXPECT_EQ(Members(env.Read().get(), "srv-hosts"), std::vector<std::string>{});
 
   const std::string snapshot = env.Snapshot();
-  EXPECT_EQ(ErrorOf([] { Parser::AddNewInitiatorgroupToConfFile("esx-hosts"); }),
-            "Failed to add initiator group esx-hosts with error: Initiator group esx-hosts already "
+  EXPECT_EQ(ErrorOf([] { Parser::AddNewInitiatorgroupToConfFile("srv-hosts"); }),
+            "Failed to add initiator group srv-hosts with error: Initiator group srv-hosts already "
             "exists");
   EXPECT_EQ(
       ErrorOf([] { Parser::AddNewInitiatorgroupToConfFile("iqn.group"); })
@@ -64,20 +64,20 @@ TEST(ParserInitiatorGroups, InitiatorsOfAGroup) {
   LogCapture capture;
   Parser::AddInitiatorsToInitiatorgroup(
       "hosts",
-      {"iqn.1998-01.com.vmware:a", "iqn.1998-01.com.vmware:b", "iqn.1998-01.com.vmware:A"});
+      {"iqn.1998-01.org.example:a", "iqn.1998-01.org.example:b", "iqn.1998-01.org.example:A"});
   EXPECT_TRUE(capture.Contains("Parser: Adding 3 initiators to initiator group hosts."));
   EXPECT_TRUE(capture.Contains("Parser: Added 2 initiators to initiator group hosts"));
   const uint64_t gen = env.Generation();
   // Already there (in any case): nothing to add, nothing written.
-  Parser::AddInitiatorsToInitiatorgroup("hosts", {"iqn.1998-01.com.vmware:B"});
+  Parser::AddInitiatorsToInitiatorgroup("hosts", {"iqn.1998-01.org.example:B"});
   EXPECT_EQ(env.Generation(), gen);
   EXPECT_EQ(Members(env.Read().get(), "hosts"),
-            (std::vector<std::string>{"iqn.1998-01.com.vmware:a", "iqn.1998-01.com.vmware:b"}));
+            (std::vector<std::string>{"iqn.1998-01.org.example:a", "iqn.1998-01.org.example:b"}));
 
   const std::string snapshot = env.Snapshot();
   EXPECT_EQ(
       ErrorOf([] {
-        Parser::AddInitiatorsToInitiatorgroup("hosts", {"iqn.1998-01.com.vmware:c", "not an iqn"});
+        Parser::AddInitiatorsToInitiatorgroup("hosts", {"iqn.1998-01.org.example:c", "not an iqn"});
       }).rfind("Invalid initiator IQN: 'not an iqn'", 0),
       0u);
   EXPECT_EQ(ErrorOf([] { Parser::AddInitiatorsToInitiatorgroup("nosuch", {"iqn.1998-01.a:b"}); }),
@@ -85,16 +85,16 @@ TEST(ParserInitiatorGroups, InitiatorsOfAGroup) {
   EXPECT_EQ(env.Snapshot(), snapshot);
 
   Parser::RemoveInitiatorsFromInitiatorgroup("hosts",
-                                             {"iqn.1998-01.com.vmware:A", "iqn.1998-01.x:absent"});
+                                             {"iqn.1998-01.org.example:A", "iqn.1998-01.x:absent"});
   EXPECT_EQ(Members(env.Read().get(), "hosts"),
-            std::vector<std::string>{"iqn.1998-01.com.vmware:b"});
+            std::vector<std::string>{"iqn.1998-01.org.example:b"});
   EXPECT_TRUE(capture.Contains("Parser: Removing 2 initiators from initiator group hosts."));
   EXPECT_TRUE(capture.Contains("Parser: Removed 1 initiators successfully from group hosts."));
 
   // The cluster's 8192 initiators count target names too; the group cannot take one more.
   bool changed = false;
   TargetCreateParam t = TargetParam(1);
-  t.initiators = {"iqn.1998-01.com.vmware:t1"};
+  t.initiators = {"iqn.1998-01.org.example:t1"};
   Parser::AddNewTargetToConfFile(t, changed);
   env.Edit([](struct conf* c) {
     struct initiator_group* ig = initiator_group_new(c, "bulk");
@@ -104,7 +104,7 @@ TEST(ParserInitiatorGroups, InitiatorsOfAGroup) {
   });
   const std::string full = env.Snapshot();
   EXPECT_EQ(ErrorOf([] {
-              Parser::AddInitiatorsToInitiatorgroup("hosts", {"iqn.1998-01.com.vmware:new"});
+              Parser::AddInitiatorsToInitiatorgroup("hosts", {"iqn.1998-01.org.example:new"});
             }),
             "the maximum initiators allowed per cluster is: 8192. Current initiator count: 8192. "
             "New initiators count: 1.");
@@ -118,7 +118,7 @@ TEST(ParserInitiatorGroups, RemovingAGroupTargetsStillAdmit) {
   bool changed = false;
   for (int n : {1, 2}) {
     TargetCreateParam p = TargetParam(n);
-    p.initiators = {"shared", "iqn.1998-01.com.vmware:h" + std::to_string(n)};
+    p.initiators = {"shared", "iqn.1998-01.org.example:h" + std::to_string(n)};
     Parser::AddNewTargetToConfFile(p, changed);
   }
 

@@ -88,7 +88,7 @@ TEST(ParserTargets, PortalsAuthenticationAndInitiatorsOfNewTargets) {
   ParserEnv env;
   env.Edit([](struct conf* c) {
     struct initiator_group* ig = initiator_group_new(c, "hosts");
-    initiator_new(ig, "iqn.1998-01.com.vmware:esx1");
+    initiator_new(ig, "iqn.1998-01.org.example:srv1");
   });
   DefaultInfo defaults;
   defaults.networkInterface = "nuk0";
@@ -107,13 +107,13 @@ TEST(ParserTargets, PortalsAuthenticationAndInitiatorsOfNewTargets) {
   a.chapName = "user1";
   a.chapSecret = "secret123456";
   a.affinitySite = "Preferred";
-  a.initiators = {"iqn.1998-01.com.vmware:host-a", "hosts"};
+  a.initiators = {"iqn.1998-01.org.example:host-a", "hosts"};
   Parser::AddNewTargetToConfFile(a, changed);
 
   TargetCreateParam b = TargetParam(2);  // same portal, no authentication of its own
   b.networkInterface = "nuk1";
   b.port = 3261;
-  b.initiators = {"iqn.1998-01.com.vmware:host-b"};
+  b.initiators = {"iqn.1998-01.org.example:host-b"};
   Parser::AddNewTargetToConfFile(b, changed);
 
   auto c = env.Read();
@@ -137,7 +137,7 @@ TEST(ParserTargets, PortalsAuthenticationAndInitiatorsOfNewTargets) {
   const struct auth* cred = TAILQ_FIRST(&ta->t_auth_group->ag_auths);
   EXPECT_STREQ(cred->a_user, "user1");
   EXPECT_STREQ(cred->a_secret, "secret123456");
-  EXPECT_EQ(Names(ta->t_auth_group), std::vector<std::string>{"iqn.1998-01.com.vmware:host-a"});
+  EXPECT_EQ(Names(ta->t_auth_group), std::vector<std::string>{"iqn.1998-01.org.example:host-a"});
   EXPECT_EQ(GroupRefs(ta->t_auth_group), std::vector<std::string>{"hosts"});
 
   // t2: initiators but no authentication: a copy of the default group, which stays clean.
@@ -146,7 +146,7 @@ TEST(ParserTargets, PortalsAuthenticationAndInitiatorsOfNewTargets) {
   cred = TAILQ_FIRST(&tb->t_auth_group->ag_auths);
   EXPECT_STREQ(cred->a_user, "duser");
   EXPECT_STREQ(cred->a_mutual_secret, "dmsecret1234");
-  EXPECT_EQ(Names(tb->t_auth_group), std::vector<std::string>{"iqn.1998-01.com.vmware:host-b"});
+  EXPECT_EQ(Names(tb->t_auth_group), std::vector<std::string>{"iqn.1998-01.org.example:host-b"});
   EXPECT_TRUE(Names(auth_group_find(c.get(), "default")).empty());
 
   // Mutual CHAP of a target, type text in any case.
@@ -173,7 +173,7 @@ TEST(ParserTargets, RefusedCreationsLeaveFileAndDatastoreAlone) {
   LogCapture capture;
 
   TargetCreateParam unknownGroup = TargetParam(2);
-  unknownGroup.initiators = {"iqn.1998-01.com.vmware:x", "nosuchgroup"};
+  unknownGroup.initiators = {"iqn.1998-01.org.example:x", "nosuchgroup"};
   EXPECT_EQ(ErrorOf([&] { Parser::AddNewTargetToConfFile(unknownGroup, changed); }),
             "initiator group  \"nosuchgroup\" not found");
   EXPECT_FALSE(changed);
@@ -239,7 +239,7 @@ TEST(ParserTargets, UpdateChangesOnlyWhatIsAsked) {
   a.networkInterface = "nuk0";
   a.port = 3300;
   a.affinitySite = "Preferred";
-  a.initiators = {"iqn.1998-01.com.vmware:one", "iqn.1998-01.com.vmware:two", "ga"};
+  a.initiators = {"iqn.1998-01.org.example:one", "iqn.1998-01.org.example:two", "ga"};
   Parser::AddNewTargetToConfFile(a, changed);
   TargetCreateParam b = TargetParam(2);
   b.networkInterface = "nuk0";
@@ -255,18 +255,18 @@ TEST(ParserTargets, UpdateChangesOnlyWhatIsAsked) {
   u.alias = "t1";
   u.uuid = TestUuid(1);
   // Initiator names compare without case: "TWO" is the "two" already there.
-  u.initiators = {"iqn.1998-01.com.vmware:TWO", "iqn.1998-01.com.vmware:three", "gb"};
+  u.initiators = {"iqn.1998-01.org.example:TWO", "iqn.1998-01.org.example:three", "gb"};
   Update(u);
   auto c = env.Read();
   EXPECT_EQ(c->conf_generation, gen + 1);
   struct target* t = ModelTarget(c.get(), "t1");
   EXPECT_EQ(PortalGroupOf(t), "pg-nuk0-3300");
   EXPECT_EQ(TargetOpt(t, "fault-domain"), "Preferred");
-  EXPECT_EQ(Names(t->t_auth_group), (std::vector<std::string>{"iqn.1998-01.com.vmware:two",
-                                                              "iqn.1998-01.com.vmware:three"}));
+  EXPECT_EQ(Names(t->t_auth_group), (std::vector<std::string>{"iqn.1998-01.org.example:two",
+                                                              "iqn.1998-01.org.example:three"}));
   EXPECT_EQ(GroupRefs(t->t_auth_group), std::vector<std::string>{"gb"});
   EXPECT_TRUE(capture.Contains(
-      "Parser: Removing initiator iSCSI name iqn.1998-01.com.vmware:one from target t1."));
+      "Parser: Removing initiator iSCSI name iqn.1998-01.org.example:one from target t1."));
   EXPECT_TRUE(capture.Contains("Parser: Removing intiator group ga from target t1"));
 
   // New name, new portal (the old group stays: t2 still uses it), new auth, affinity cleared,
@@ -332,7 +332,7 @@ TEST(ParserTargets, RemovalCleansUpWhatOnlyTheTargetUsed) {
   TargetCreateParam a = TargetParam(1);
   a.networkInterface = "nuk1";
   a.port = 3270;
-  a.initiators = {"iqn.1998-01.com.vmware:one"};
+  a.initiators = {"iqn.1998-01.org.example:one"};
   Parser::AddNewTargetToConfFile(a, changed);
   TargetCreateParam b = TargetParam(2);
   b.networkInterface = "nuk1";

@@ -339,7 +339,7 @@ class ModelGenerator {
         if (lun_find(c, lun_name) != nullptr) continue;
         struct lun* lun = lun_new(c, lun_name);
         lun_set_backend(lun, "pemo");
-        lun_set_path(lun, (Word("uuid") + "/" + Word("disk") + ".vmdk").c_str());
+        lun_set_path(lun, (Word("uuid") + "/" + Word("disk") + ".pemo").c_str());
         lun_set_size(lun, static_cast<int64_t>(Pick(1, 1 << 20)) * 2048);
         lun_set_keld_lun(lun, number);
         option_new(&lun->l_options, "lun-alias", ("LUN " + Word("x") + " #1").c_str());

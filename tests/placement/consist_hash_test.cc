@@ -206,8 +206,8 @@ TEST(ConsistHashTest, RemovalMovesOnlyTheRemovedNodesKeys) {
 
 // The placement of a fixed set of keys, one line per key.
 std::string Placement() {
-  ConsistHash ring({{"esx-a", 4}, {"esx-b", 1}, {"esx-c", 16}, {"esx-d", 7}});
-  ring.RemoveHashNode("esx-d");
+  ConsistHash ring({{"srv-a", 4}, {"srv-b", 1}, {"srv-c", 16}, {"srv-d", 7}});
+  ring.RemoveHashNode("srv-d");
   std::ostringstream out;
   for (const auto& key : RandomKeys(3000, 8)) out << key << ' ' << ring.FindHashNode(key) << '\n';
   return out.str();

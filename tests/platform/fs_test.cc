@@ -19,7 +19,7 @@ using kel::testing::TempDir;
 using kel::testing::WriteFile;
 using testing::ScopedFaultFs;
 
-TEST(ObjectAttr, UsesXattrsWhereAvailableAndSidecarsElsewhere) {
+TEST(ObjectAttr, KeepsIdentityInXattrOrSidecar) {
   TempDir dir;
   const std::string file = dir.Join("disk.pemo");
   WriteFile(file, "");

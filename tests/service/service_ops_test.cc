@@ -113,7 +113,7 @@ TEST_F(ServiceOps, DaemonThatCannotReserveItsResourcesFailsTheEnable) {
 
 TEST_F(ServiceOps, TargetsWithEachAuthenticationTypeLandInTheFile) {
   ServiceEnv::Ready(*svc_);
-  svc_->AddInitiatorgroup("esx");
+  svc_->AddInitiatorgroup("srv");
 
   TargetCreateParam none = NewTarget("plain");
   svc_->AddTarget(none);
@@ -131,7 +131,7 @@ TEST_F(ServiceOps, TargetsWithEachAuthenticationTypeLandInTheFile) {
   mutual.chapSecret = kSecret;
   mutual.mutualChapName = "out-user";
   mutual.mutualChapSecret = kMutualSecret;
-  mutual.initiators = {"iqn.1998-01.com.example:host1", "esx"};
+  mutual.initiators = {"iqn.1998-01.com.example:host1", "srv"};
   mutual.affinitySite = "Preferred";
   svc_->AddTarget(mutual);
 
@@ -169,7 +169,7 @@ TEST_F(ServiceOps, TargetsWithEachAuthenticationTypeLandInTheFile) {
   EXPECT_STREQ(a->a_mutual_secret, kMutualSecret);
   EXPECT_EQ(TargetOption(t, "fault-domain"), "Preferred");
   EXPECT_NE(auth_name_find(t->t_auth_group, "iqn.1998-01.com.example:host1"), nullptr);
-  EXPECT_NE(auth_group_igroup_ref_find(t->t_auth_group, "esx"), nullptr);
+  EXPECT_NE(auth_group_igroup_ref_find(t->t_auth_group, "srv"), nullptr);
 
   // Reads: owner and name resolved, never a secret.
   const TargetInfo info = svc_->GetTargetInfo("mutual");
@@ -178,7 +178,7 @@ TEST_F(ServiceOps, TargetsWithEachAuthenticationTypeLandInTheFile) {
   EXPECT_EQ(info.ownerHostUuid, kHostUuid);
   EXPECT_EQ(info.ownerHostName, "host-a");
   EXPECT_EQ(info.initiators, std::vector<std::string>{"iqn.1998-01.com.example:host1"});
-  EXPECT_EQ(info.initiatorGroups, std::vector<std::string>{"esx"});
+  EXPECT_EQ(info.initiatorGroups, std::vector<std::string>{"srv"});
   EXPECT_EQ(svc_->GetTargets(true, false).size(), 3u);
   EXPECT_EQ(svc_->GetTargets(true, true).size(), 3u);  // this host owns all of them
   EXPECT_EQ(ErrorOf([&] { svc_->GetTargetInfo("nope"); }), "Target nope not found");
@@ -504,27 +504,27 @@ TEST_F(ServiceOps, LunSizesIdChangesAndMovesBetweenTargets) {
 
 TEST_F(ServiceOps, InitiatorGroupsAndDefaults) {
   ServiceEnv::Ready(*svc_);
-  svc_->AddInitiatorgroup("esx");
-  svc_->AddInitiatorsToInitiatorgroup("esx",
+  svc_->AddInitiatorgroup("srv");
+  svc_->AddInitiatorsToInitiatorgroup("srv",
                                       {"iqn.1998-01.com.example:a", "eui.2001-02.com.example:b"});
   TargetCreateParam t = NewTarget("t1");
   t.iqn = "iqn.2024-01.com.example:t1";
-  t.initiators = {"esx"};
+  t.initiators = {"srv"};
   svc_->AddTarget(t);
 
-  auto g = svc_->GetInitiatorgroupInfo("esx");
+  auto g = svc_->GetInitiatorgroupInfo("srv");
   EXPECT_EQ(g.initiators,
             (std::vector<std::string>{"iqn.1998-01.com.example:a", "eui.2001-02.com.example:b"}));
   EXPECT_EQ(g.targets, (std::map<std::string, std::string>{{"t1", "iqn.2024-01.com.example:t1"}}));
-  svc_->RemoveInitiatorsFromInitiatorgroup("esx", {"iqn.1998-01.com.example:a"});
+  svc_->RemoveInitiatorsFromInitiatorgroup("srv", {"iqn.1998-01.com.example:a"});
   EXPECT_EQ(svc_->GetInitiatorgroups().size(), 1u);
-  EXPECT_EQ(svc_->GetInitiatorgroupInfo("esx").initiators,
+  EXPECT_EQ(svc_->GetInitiatorgroupInfo("srv").initiators,
             std::vector<std::string>{"eui.2001-02.com.example:b"});
   EXPECT_FALSE(ErrorOf([&] { svc_->GetInitiatorgroupInfo("none"); }).empty());
 
   // Still used by t1: refused without force, detached with it.
-  EXPECT_FALSE(ErrorOf([&] { svc_->RemoveInitiatorgroup("esx", false); }).empty());
-  svc_->RemoveInitiatorgroup("esx", true);
+  EXPECT_FALSE(ErrorOf([&] { svc_->RemoveInitiatorgroup("srv", false); }).empty());
+  svc_->RemoveInitiatorgroup("srv", true);
   EXPECT_TRUE(svc_->GetInitiatorgroups().empty());
   EXPECT_TRUE(svc_->GetTargetInfo("t1").initiatorGroups.empty());
 
