@@ -12,6 +12,7 @@
 #include <nlohmann/json.hpp>
 
 #include "host/keld_daemon.h"
+#include "host/keld_directory_resolver.h"
 #include "host/keld_json_source.h"
 #include "host/keld_status.h"
 #include "host/tgt_exec.h"
@@ -146,8 +147,10 @@ int KeldRun(const ControlOptions& options, std::ostream& err) {
     d.stateDir = config.stateDir;
     d.controlIndex = config.tgtdControlPort;
     d.source = MakeDefaultStateSource(options.desiredStatePath);
+    if (d.source->FollowsCluster()) d.resolver = std::make_unique<DirectoryPortalResolver>();
     d.readyFd = options.readyFd;
     d.reconcileIntervalMs = options.reconcileIntervalSeconds * 1000;
+    d.checkIntervalMs = options.checkIntervalSeconds * 1000;
     d.tgtdProgram = options.tgtdProgram;
     d.tgtadmProgram = options.tgtadmProgram;
     return RunKeldDaemon(std::move(d));
@@ -189,7 +192,8 @@ int KeldRestart(const ControlOptions& options, std::ostream& err) {
     args.insert(args.end(), {"--desired-state", Absolute(options.desiredStatePath)});
   }
   args.insert(args.end(), {"run", "--ready-fd", "3", "--interval",
-                           std::to_string(options.reconcileIntervalSeconds)});
+                           std::to_string(options.reconcileIntervalSeconds), "--check-interval",
+                           std::to_string(options.checkIntervalSeconds)});
   std::vector<char*> argv;
   for (std::string& a : args) argv.push_back(&a[0]);
   argv.push_back(nullptr);

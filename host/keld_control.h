@@ -1,6 +1,7 @@
 // The commands of the keld program (keld/main.cc only parses the command line).
 //
-//   keld run|daemon   the daemon in the foreground
+//   keld run|daemon   the daemon in the foreground (serving kel.conf unless a JSON desired state
+//                     is given; it follows changes of the cluster on its own, see keld_daemon.h)
 //   keld restart      (re)start the daemon in the background; returns once it serves the state
 //   keld reload       reconcile now; returns once the change is served
 //   keld io_stop      withdraw everything, stop tgtd and the daemon (disk contents untouched)
@@ -22,6 +23,7 @@ struct ControlOptions {
   std::string desiredStatePath;  // --desired-state; empty: $KELD_DESIRED_STATE, host's source
   int readyFd = -1;              // run: where to report start-up (used by restart)
   int reconcileIntervalSeconds = 30;
+  int checkIntervalSeconds = 3;  // how often the source is checked for changes
   std::string tgtdProgram = "tgtd";
   std::string tgtadmProgram = "tgtadm";
 };

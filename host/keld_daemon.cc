@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/eventfd.h>
 #include <sys/signalfd.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -15,6 +16,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <map>
 
 #include "host/keld_disk_lock.h"
 #include "host/keld_reconciler.h"
@@ -111,6 +113,12 @@ class Daemon {
                                     : std::make_unique<LocalPortalResolver>()) {}
 
   ~Daemon() {
+    // The source and the resolver may be called back from directory threads until they are
+    // gone; they go before the descriptor their callbacks write to.
+    reconciler_.reset();
+    options_.source.reset();
+    resolver_.reset();
+    if (wake_fd_ >= 0) close(wake_fd_);
     if (listen_fd_ >= 0) {
       close(listen_fd_);
       unlink(KeldSocketPath(options_.stateDir).c_str());
@@ -130,6 +138,11 @@ class Daemon {
   bool StartTgtd(Problem* problem);
   bool Load(DesiredState* desired, std::vector<Problem>* problems);
   std::vector<Problem> Reconcile(bool requested);
+  void Apply(const DesiredState& desired, std::vector<Problem>* problems);
+  void Check();
+  void Finish(const std::vector<Problem>& problems, bool requested);
+  std::map<std::string, std::vector<std::string>> ResolvedPortals(const DesiredState& desired);
+  void Watch();
   std::vector<Problem> Stop();
   void Ready(const std::vector<Problem>& problems);
   void HandleClient();
@@ -143,8 +156,16 @@ class Daemon {
   int lock_fd_ = -1;
   int listen_fd_ = -1;
   int signal_fd_ = -1;
+  int wake_fd_ = -1;  // written by change notifications of the source and the resolver
   bool stopping_ = false;
   std::vector<Problem> last_problems_;
+
+  // What the last reconcile applied, for the periodic checks.
+  bool applied_valid_ = false;
+  bool load_failed_ = false;  // the last attempt to read the source failed
+  DesiredState applied_;
+  std::map<std::string, std::vector<std::string>> applied_portals_;  // iqn -> portal texts
+  uint64_t applied_generation_ = 0;
 };
 
 bool Daemon::Prepare(Problem* problem) {
@@ -220,21 +241,97 @@ bool Daemon::StartTgtd(Problem* problem) {
   return true;
 }
 
-// `requested`: a client asked for it, so its problems are logged even if they are the same as
-// last time; the periodic passes log only what changed.
+// Logs the outcome: a requested reconcile always, the periodic ones only when it changed.
+void Daemon::Finish(const std::vector<Problem>& problems, bool requested) {
+  if (requested || !SameProblems(problems, last_problems_)) LogProblems(problems);
+  last_problems_ = problems;
+}
+
+std::map<std::string, std::vector<std::string>> Daemon::ResolvedPortals(
+    const DesiredState& desired) {
+  std::map<std::string, std::vector<std::string>> out;
+  for (const DesiredTarget& d : desired.targets) {
+    if (d.offline) continue;
+    std::vector<std::string>& texts = out[d.iqn];
+    for (const DesiredPortal& p : d.portals) {
+      ResolvedPortal resolved;
+      std::string error;
+      if (resolver_->Resolve(d.iqn, p, &resolved, &error)) texts.push_back(resolved.text);
+    }
+  }
+  return out;
+}
+
+void Daemon::Apply(const DesiredState& desired, std::vector<Problem>* problems) {
+  ReconcileResult r = reconciler_->Apply(desired);
+  problems->insert(problems->end(), r.problems.begin(), r.problems.end());
+  if (r.changes > 0) LogInfo("%s: Applied %d changes to tgtd\n", kTag, r.changes);
+  applied_ = desired;
+  applied_portals_ = ResolvedPortals(desired);
+  applied_generation_ = options_.source->Generation();
+  applied_valid_ = true;
+  load_failed_ = false;
+}
+
+// `requested`: a client asked for it, so the source and the portals are read afresh and its
+// problems are logged even if they are the same as last time.
 std::vector<Problem> Daemon::Reconcile(bool requested) {
   DesiredState desired;
   std::vector<Problem> problems;
+  if (requested) {
+    options_.source->Invalidate();
+    resolver_->Refresh();
+  }
   if (!reconciler_) {
     problems.push_back({Outcome::kFailure, "", "tgtd is not running"});
   } else if (Load(&desired, &problems)) {
-    ReconcileResult r = reconciler_->Apply(desired);
-    problems.insert(problems.end(), r.problems.begin(), r.problems.end());
-    if (r.changes > 0) LogInfo("%s: Applied %d changes to tgtd\n", kTag, r.changes);
+    Apply(desired, &problems);
+  } else {
+    load_failed_ = true;
   }
-  if (requested || !SameProblems(problems, last_problems_)) LogProblems(problems);
-  last_problems_ = problems;
+  Finish(problems, requested);
   return problems;
+}
+
+// The cheap periodic check: tgtd is asked nothing unless the desired state, its generation or a
+// resolved portal changed since the last reconcile (or the source could not be read last time).
+void Daemon::Check() {
+  if (!reconciler_) return;
+  DesiredState desired;
+  std::vector<Problem> problems;
+  if (!Load(&desired, &problems)) {
+    load_failed_ = true;
+    Finish(problems, false);
+    return;
+  }
+  const uint64_t generation = options_.source->Generation();
+  if (applied_valid_ && !load_failed_ && generation == applied_generation_ && desired == applied_ &&
+      ResolvedPortals(desired) == applied_portals_) {
+    return;
+  }
+  if (generation != applied_generation_) {
+    LogInfo("%s: Serving generation %llu of %s\n", kTag,
+            static_cast<unsigned long long>(generation), options_.source->Describe().c_str());
+  }
+  Apply(desired, &problems);
+  Finish(problems, false);
+}
+
+void Daemon::Watch() {
+  wake_fd_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+  if (wake_fd_ < 0) {
+    LogWarning("%s: eventfd: %s; following changes by periodic checks only\n", kTag,
+               ErrnoText(errno).c_str());
+    return;
+  }
+  const int fd = wake_fd_;
+  auto wake = [fd] {
+    uint64_t one = 1;
+    ssize_t ignored = write(fd, &one, sizeof(one));  // a full counter already means "wake"
+    (void)ignored;
+  };
+  options_.source->Watch(wake);
+  resolver_->Watch(wake);
 }
 
 std::vector<Problem> Daemon::Stop() {
@@ -315,18 +412,21 @@ int Daemon::Run() {
     return static_cast<int>(problem.code);
   }
   LogInfo("%s: Serving from %s\n", kTag, options_.source->Describe().c_str());
+  Watch();
   Ready(Reconcile(true));
 
   using Clock = std::chrono::steady_clock;
   const auto interval = std::chrono::milliseconds(std::max(options_.reconcileIntervalMs, 100));
+  const auto check_interval = std::chrono::milliseconds(std::max(options_.checkIntervalMs, 100));
   auto next_reconcile = Clock::now() + interval;
+  auto next_check = Clock::now() + check_interval;
   auto next_tgtd_start = Clock::now();
   while (!stopping_) {
-    auto wait =
-        std::chrono::duration_cast<std::chrono::milliseconds>(next_reconcile - Clock::now());
+    auto wait = std::chrono::duration_cast<std::chrono::milliseconds>(
+        std::min(next_reconcile, next_check) - Clock::now());
     int timeout = static_cast<int>(std::min<int64_t>(std::max<int64_t>(wait.count(), 0), 1000));
-    pollfd fds[2] = {{listen_fd_, POLLIN, 0}, {signal_fd_, POLLIN, 0}};
-    int n = poll(fds, 2, timeout);
+    pollfd fds[3] = {{listen_fd_, POLLIN, 0}, {signal_fd_, POLLIN, 0}, {wake_fd_, POLLIN, 0}};
+    int n = poll(fds, wake_fd_ >= 0 ? 3 : 2, timeout);
     if (n < 0 && errno != EINTR) {
       LogError("%s: poll: %s\n", kTag, ErrnoText(errno).c_str());
       break;
@@ -345,6 +445,12 @@ int Daemon::Run() {
     }
     if (n > 0 && (fds[0].revents & POLLIN) != 0) HandleClient();
     if (stopping_) break;
+    if (n > 0 && wake_fd_ >= 0 && (fds[2].revents & POLLIN) != 0) {
+      uint64_t count;
+      ssize_t ignored = read(wake_fd_, &count, sizeof(count));
+      (void)ignored;
+      next_check = Clock::now();
+    }
 
     if (reconciler_ && !supervisor_.Alive()) {
       reconciler_.reset();
@@ -363,6 +469,10 @@ int Daemon::Run() {
     if (Clock::now() >= next_reconcile) {
       if (reconciler_) Reconcile(false);
       next_reconcile = Clock::now() + interval;
+      next_check = Clock::now() + check_interval;
+    } else if (Clock::now() >= next_check) {
+      Check();
+      next_check = Clock::now() + check_interval;
     }
   }
   return 0;

@@ -32,7 +32,11 @@ struct DaemonOptions {
   int controlIndex = 0;  // tgtd's -C; 0 chooses one
   std::unique_ptr<DesiredStateSource> source;
   std::unique_ptr<PortalResolver> resolver;  // null: LocalPortalResolver
-  int reconcileIntervalMs = 30000;           // periodic reconcile
+  int reconcileIntervalMs = 30000;           // periodic reconcile (tgtd's state re-read and fixed)
+  // Periodic check of the source: reconciles only when the desired state, the generation or a
+  // resolved portal differs from what was last applied. Change notifications of the source and
+  // the resolver run the check at once.
+  int checkIntervalMs = 3000;
   int readyFd = -1;  // gets {"code":N,"problems":[...]} once started and the state is applied
   std::string tgtdProgram = "tgtd";
   std::string tgtadmProgram = "tgtadm";
@@ -40,6 +44,7 @@ struct DaemonOptions {
 };
 
 // Runs the daemon until it is told to stop (request or SIGTERM/SIGINT; SIGHUP reconciles).
+// A `reload` request or SIGHUP reads the source and resolves the portals afresh.
 // Returns the exit code: 0 after a stop, or the Outcome of a failed start.
 int RunKeldDaemon(DaemonOptions options);
 

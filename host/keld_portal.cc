@@ -6,17 +6,77 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <iterator>
 
 #include "host/tgt_admin.h"
 #include "host/tgt_exec.h"
 #include "platform/clog.h"
+#include "platform/log.h"
 #include "platform/network.h"
 
 namespace kel {
 namespace keld {
 
-bool LocalPortalResolver::Resolve(const DesiredPortal& portal, ResolvedPortal* out,
-                                  std::string* error) {
+bool operator==(const ResolvedPortal& a, const ResolvedPortal& b) {
+  return a.interfaceName == b.interfaceName && a.address == b.address && a.port == b.port &&
+         a.text == b.text;
+}
+
+bool PortalResolver::Finish(const std::string& target, const DesiredPortal& portal,
+                            const std::string& address, ResolvedPortal* out, std::string* error) {
+  const Key key(target, portal.ownerHostUuid + "/" + portal.interfaceName + "/" + portal.address +
+                            ":" + std::to_string(portal.port));
+  std::string port = std::to_string(portal.port);
+  std::string failure;
+  if (portal.port <= 0 || portal.port > 65535) {
+    failure = "invalid port " + port + " for portal " + address;
+  } else {
+    addrinfo hints = {};
+    hints.ai_family = AF_UNSPEC;
+    hints.ai_socktype = SOCK_STREAM;
+    hints.ai_flags = AI_NUMERICHOST | AI_NUMERICSERV;
+    addrinfo* res = nullptr;
+    if (getaddrinfo(address.c_str(), port.c_str(), &hints, &res) != 0) {
+      char text[512];
+      snprintf(text, sizeof(text), "Failed to get address info for %s:%s.", address.c_str(),
+               port.c_str());
+      failure = text;
+      // Periodic checks resolve again and again: say it once while it lasts.
+      if (failing_[key] != failure) log_warnx("%s", failure.c_str());
+    } else {
+      freeaddrinfo(res);
+    }
+  }
+  if (!failure.empty()) {
+    failing_[key] = failure;
+    announced_.erase(key);
+    *error = failure;
+    return false;
+  }
+  failing_.erase(key);
+  out->interfaceName = portal.interfaceName;
+  out->address = address;
+  out->port = portal.port;
+  out->text = PortalText(address, portal.port);
+  std::string& last = announced_[key];
+  if (last != address) {
+    LogInfo("%s: creating new nuknic portal for %s on %s:%s\n", "keld", target.c_str(),
+            address.c_str(), port.c_str());
+    last = address;
+  }
+  return true;
+}
+
+void PortalResolver::KeepAnnouncements(const std::set<std::string>& served) {
+  for (auto* map : {&announced_, &failing_}) {
+    for (auto it = map->begin(); it != map->end();) {
+      it = served.count(it->first.first) != 0 ? std::next(it) : map->erase(it);
+    }
+  }
+}
+
+bool LocalPortalResolver::Resolve(const std::string& target, const DesiredPortal& portal,
+                                  ResolvedPortal* out, std::string* error) {
   std::string address = portal.address;
   if (address.empty()) {
     std::string v4, v6;
@@ -31,30 +91,7 @@ bool LocalPortalResolver::Resolve(const DesiredPortal& portal, ResolvedPortal* o
       return false;
     }
   }
-  if (portal.port <= 0 || portal.port > 65535) {
-    *error = "invalid port " + std::to_string(portal.port) + " for portal " + address;
-    return false;
-  }
-  std::string port = std::to_string(portal.port);
-  addrinfo hints = {};
-  hints.ai_family = AF_UNSPEC;
-  hints.ai_socktype = SOCK_STREAM;
-  hints.ai_flags = AI_NUMERICHOST | AI_NUMERICSERV;
-  addrinfo* res = nullptr;
-  if (getaddrinfo(address.c_str(), port.c_str(), &hints, &res) != 0) {
-    log_warnx("Failed to get address info for %s:%s.", address.c_str(), port.c_str());
-    char text[512];
-    snprintf(text, sizeof(text), "Failed to get address info for %s:%s.", address.c_str(),
-             port.c_str());
-    *error = text;
-    return false;
-  }
-  freeaddrinfo(res);
-  out->interfaceName = portal.interfaceName;
-  out->address = address;
-  out->port = portal.port;
-  out->text = PortalText(address, portal.port);
-  return true;
+  return Finish(target, portal, address, out, error);
 }
 
 std::string ProbePortalBind(const ResolvedPortal& portal) {

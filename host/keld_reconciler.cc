@@ -118,7 +118,7 @@ bool KeldReconciler::PlanTarget(const DesiredTarget& d, Plan* plan,
     for (const DesiredPortal& p : d.portals) {
       ResolvedPortal resolved;
       std::string error;
-      if (resolver_.Resolve(p, &resolved, &error)) {
+      if (resolver_.Resolve(d.iqn, p, &resolved, &error)) {
         plan->portals.push_back(resolved);
       } else {
         // The target is still served on the portals that work.
@@ -181,6 +181,10 @@ ReconcileResult KeldReconciler::Apply(const DesiredState& desired) {
     for (const auto& s : plan.secrets) accounts.emplace(s.first, std::make_pair(s.second, d.iqn));
     plans.push_back(std::move(plan));
   }
+
+  std::set<std::string> served;
+  for (const Plan& plan : plans) served.insert(plan.target->iqn);
+  resolver_.KeepAnnouncements(served);
 
   std::map<std::string, ResolvedPortal> portals;
   for (const Plan& plan : plans) {
@@ -262,10 +266,6 @@ void KeldReconciler::ApplyPortals(const std::map<std::string, ResolvedPortal>& w
       portal_interface_[p.text] = p.interfaceName;
       continue;
     }
-    if (!p.interfaceName.empty()) {
-      LogInfo("%s: creating new nuknic portal for %s on %s:%s\n", kTag, p.interfaceName.c_str(),
-              p.address.c_str(), std::to_string(p.port).c_str());
-    }
     TgtResult r = admin_.NewPortal(p.text);
     if (!r.ok()) {
       // tgtd only says "invalid request"; binding the address ourselves tells why.
@@ -277,6 +277,8 @@ void KeldReconciler::ApplyPortals(const std::map<std::string, ResolvedPortal>& w
       continue;
     }
     ++result.changes;
+    LogInfo("%s: Listening on %s%s\n", kTag, p.text.c_str(),
+            p.interfaceName.empty() ? "" : (" (" + p.interfaceName + ")").c_str());
     cur.portals.push_back(p.text);
     portal_interface_[p.text] = p.interfaceName;
   }
@@ -624,7 +626,7 @@ bool FirstPortal(const DesiredState& desired, PortalResolver& resolver, Resolved
     if (d.offline) continue;
     for (const DesiredPortal& p : d.portals) {
       std::string error;
-      if (resolver.Resolve(p, out, &error)) return true;
+      if (resolver.Resolve(d.iqn, p, out, &error)) return true;
     }
   }
   return false;

@@ -2,8 +2,8 @@
 
 #include <cstdlib>
 
+#include "host/keld_conf_source.h"
 #include "host/keld_json_source.h"
-#include "platform/log.h"
 
 namespace kel {
 namespace keld {
@@ -30,8 +30,31 @@ const char* AuthRuleName(AuthRule rule) {
   return "none";
 }
 
-// The one place that picks a source. The kel.conf source goes here, as the case without a JSON
-// file, once it exists.
+bool operator==(const DesiredPortal& a, const DesiredPortal& b) {
+  return a.interfaceName == b.interfaceName && a.address == b.address && a.port == b.port &&
+         a.ownerHostUuid == b.ownerHostUuid;
+}
+
+bool operator==(const DesiredLun& a, const DesiredLun& b) {
+  return a.id == b.id && a.path == b.path && a.offline == b.offline && a.alias == b.alias &&
+         a.naa == b.naa;
+}
+
+bool operator==(const ChapCredential& a, const ChapCredential& b) {
+  return a.user == b.user && a.secret == b.secret && a.mutualUser == b.mutualUser &&
+         a.mutualSecret == b.mutualSecret;
+}
+
+bool operator==(const DesiredTarget& a, const DesiredTarget& b) {
+  return a.iqn == b.iqn && a.alias == b.alias && a.uuid == b.uuid && a.offline == b.offline &&
+         a.portals == b.portals && a.auth == b.auth && a.chap == b.chap &&
+         a.initiatorsRestricted == b.initiatorsRestricted && a.initiators == b.initiators &&
+         a.luns == b.luns;
+}
+
+bool operator==(const DesiredState& a, const DesiredState& b) { return a.targets == b.targets; }
+
+// The one place that picks a source.
 std::unique_ptr<DesiredStateSource> MakeDefaultStateSource(const std::string& json_path) {
   std::string path = json_path;
   if (path.empty()) {
@@ -39,8 +62,7 @@ std::unique_ptr<DesiredStateSource> MakeDefaultStateSource(const std::string& js
     if (env != nullptr) path = env;
   }
   if (!path.empty()) return std::make_unique<JsonFileStateSource>(path);
-  LogWarning("%s: No desired-state source is configured; serving nothing\n", "keld");
-  return std::make_unique<StaticStateSource>(DesiredState{}, "none");
+  return std::make_unique<KelConfStateSource>();
 }
 
 }  // namespace keld

@@ -4,12 +4,13 @@
 // The desired state is plain data, independent of where it was read from. A DesiredStateSource
 // produces it; the reconciler (host/keld_reconciler.h) makes tgtd serve it. Sources:
 //  - JsonFileStateSource (host/keld_json_source.h): a JSON file, used by tests and benchmarks.
-//  - the kel.conf source (to come): reads kel.conf under the shared lock, keeps the targets this
-//    host owns and fills DesiredPortal::ownerHostUuid so that a directory-backed PortalResolver can
-//    turn the interface into the owner's address. It implements DesiredStateSource and is handed
-//    to the daemon by MakeDefaultStateSource(); the reconciler does not change for it.
+//  - KelConfStateSource (host/keld_conf_source.h): kel.conf read under the shared lock, keeping
+//    the targets this host owns; their portals name this host so that DirectoryPortalResolver
+//    (host/keld_directory_resolver.h) turns the interface into the address the host published.
 #pragma once
 
+#include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -48,6 +49,7 @@ struct ChapCredential {
   std::string mutualUser;
   std::string mutualSecret;
 };
+bool operator==(const ChapCredential& a, const ChapCredential& b);
 
 // A portal names a network interface and a port. `address` may be given directly (then nothing is
 // resolved); otherwise a PortalResolver turns the interface into an address of the host that
@@ -58,6 +60,7 @@ struct DesiredPortal {
   int port = 3260;
   std::string ownerHostUuid;
 };
+bool operator==(const DesiredPortal& a, const DesiredPortal& b);
 
 // A LUN slot of a target. `id` is kel's LUN number (0..255).
 struct DesiredLun {
@@ -67,6 +70,7 @@ struct DesiredLun {
   std::string alias;
   std::string naa;  // 32 hex digits or empty; reported by the LUN as its NAA identifier
 };
+bool operator==(const DesiredLun& a, const DesiredLun& b);
 
 struct DesiredTarget {
   std::string iqn;
@@ -83,22 +87,41 @@ struct DesiredTarget {
   std::vector<std::string> initiators;  // names and the members of the referenced groups
   std::vector<DesiredLun> luns;
 };
+bool operator==(const DesiredTarget& a, const DesiredTarget& b);
 
 struct DesiredState {
   std::vector<DesiredTarget> targets;
 };
+bool operator==(const DesiredState& a, const DesiredState& b);
+inline bool operator!=(const DesiredState& a, const DesiredState& b) { return !(a == b); }
 
 // Where the desired state comes from.
 //
 // Load() reads the current desired state; it throws OrsaCtlException when the source cannot be
 // read or is malformed, and the caller then keeps serving what it served before. Sources are used
-// from the daemon's one thread and need not be thread-safe.
+// from the daemon's one thread and need not be thread-safe, except for the `wake` function they
+// are given, which they may call from any thread.
 class DesiredStateSource {
  public:
   virtual ~DesiredStateSource() = default;
   virtual DesiredState Load() = 0;
   // A short text for logs ("json file /x/state.json").
   virtual std::string Describe() const = 0;
+
+  // The rest serves the daemon's cheap periodic checks; the defaults fit a source that is simply
+  // read again each time.
+  //
+  // True when the state follows the cluster (kel.conf, target ownership, published interfaces):
+  // the daemon then resolves portals through the directory.
+  virtual bool FollowsCluster() const { return false; }
+  // The next Load() must read everything afresh instead of reusing what has not visibly changed.
+  virtual void Invalidate() {}
+  // The generation of what the last Load() read (0: none, or the source has no generations).
+  virtual uint64_t Generation() const { return 0; }
+  // Asks the source to call `wake` (from any thread) whenever its state may have changed, so
+  // that the daemon checks at once instead of at its next period. A source without change
+  // notifications ignores it. The source stops calling `wake` when it is destroyed.
+  virtual void Watch(std::function<void()> wake) { (void)wake; }
 };
 
 // A source that always yields the same state (tests, and keld before kel.conf is readable).
@@ -115,8 +138,7 @@ class StaticStateSource : public DesiredStateSource {
 };
 
 // The source the daemon uses: the JSON file `json_path` when not empty, else $KELD_DESIRED_STATE
-// when set, else the host's configuration source. Until the kel.conf source exists the last case
-// is an empty state (logged), so keld serves nothing rather than guessing.
+// when set, else kel.conf (KelConfStateSource).
 std::unique_ptr<DesiredStateSource> MakeDefaultStateSource(const std::string& json_path);
 
 // kel's LUN n is served as SCSI LUN n + 1 because tgtd's LUN 0 is always its controller. These

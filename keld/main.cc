@@ -22,7 +22,7 @@ int main(int argc, char** argv) {
   app.fallthrough();  // global options may also follow the command
   app.add_option("--config", options.configPath, "host configuration file");
   app.add_option("--desired-state", options.desiredStatePath,
-                 "JSON file with the state to serve (default: $KELD_DESIRED_STATE)");
+                 "JSON file with the state to serve (default: $KELD_DESIRED_STATE, else kel.conf)");
 
   CLI::App* run = app.add_subcommand("run", "run the daemon in the foreground");
   run->alias("daemon");
@@ -30,10 +30,17 @@ int main(int argc, char** argv) {
   run->add_option("--interval", options.reconcileIntervalSeconds,
                   "seconds between periodic reconciles")
       ->check(CLI::PositiveNumber);
+  run->add_option("--check-interval", options.checkIntervalSeconds,
+                  "seconds between checks of kel.conf, ownership and interfaces")
+      ->check(CLI::PositiveNumber);
   CLI::App* restart = app.add_subcommand("restart", "(re)start the daemon in the background");
   restart
       ->add_option("--interval", options.reconcileIntervalSeconds,
                    "seconds between periodic reconciles")
+      ->check(CLI::PositiveNumber);
+  restart
+      ->add_option("--check-interval", options.checkIntervalSeconds,
+                   "seconds between checks of kel.conf, ownership and interfaces")
       ->check(CLI::PositiveNumber);
   app.add_subcommand("reload", "reconcile now; returns once the change is served");
   app.add_subcommand("io_stop", "withdraw everything and stop tgtd and the daemon");

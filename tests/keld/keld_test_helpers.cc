@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -11,6 +12,8 @@
 #include <thread>
 
 #include "host/keld_json_source.h"
+#include "platform/clog.h"
+#include "platform/directory.h"
 
 namespace kel {
 namespace keld {
@@ -114,6 +117,51 @@ kel::testing::CommandResult KeldHost::Keld(const std::vector<std::string>& args)
                                    "++group=serad-tmp"};
   argv.insert(argv.end(), args.begin(), args.end());
   return kel::testing::RunCommand(argv, "", {}, std::chrono::milliseconds(120000));
+}
+
+ConfHostEnv::ConfHostEnv(const Nics& nics) {
+  config_ = platform::EmbeddedHostConfig();
+  config_.hostUuid = platform::DirUuidToText(platform::RandomDirUuid());
+  config_.hostName = "keld-test";
+  config_.stateDir = dir_.Join("state");
+  config_.datastorePath = dir_.Join("datastore");
+  config_.networkOverride = true;
+  config_.interfaces = nics;
+  const std::string ns = platform::DirUuidToText(platform::RandomDirUuid());
+  for (const std::string& d :
+       {config_.stateDir, config_.datastorePath, config_.datastorePath + "/" + ns,
+        config_.datastorePath + "/" + ns + "/etc"}) {
+    mkdir(d.c_str(), 0700);
+  }
+  if (symlink(ns.c_str(), (config_.datastorePath + "/.iSCSI-CONFIG").c_str()) != 0) {
+    throw std::runtime_error("cannot create the configuration namespace link");
+  }
+  platform::SetCurrentHostConfig(config_);
+  platform::SetDirectoryForTest(nullptr);
+  log_init(4);
+}
+
+ConfHostEnv::~ConfHostEnv() { platform::CloseDirectory(); }
+
+void ConfHostEnv::WriteConf(const std::string& text) {
+  kel::testing::WriteFile(config_.datastorePath + "/.iSCSI-CONFIG/etc/kel.conf", text, 0600);
+}
+
+void ConfHostEnv::RemoveNamespace() { unlink((config_.datastorePath + "/.iSCSI-CONFIG").c_str()); }
+
+void ConfHostEnv::SetInterfaces(const Nics& nics) {
+  config_.interfaces = nics;
+  platform::SetCurrentHostConfig(config_);
+}
+
+void ConfHostEnv::SetOwner(const std::string& objectUuid, const std::string& hostUuid) {
+  auto dir = platform::GetDirectory();
+  platform::ObjectOwner current;
+  NUK_ReturnStatus st = dir->GetObjectOwner(objectUuid, &current);
+  int64_t revision = st == NUK_OK ? current.revision : 0;
+  if (dir->CompareAndSwapObjectOwner(objectUuid, revision, hostUuid) != NUK_OK) {
+    throw std::runtime_error("cannot set the owner of " + objectUuid);
+  }
 }
 
 int KeldHost::KeldPid() const { return FirstNumber(state_dir_ + "/run/keld.pid", 0); }

@@ -2,10 +2,12 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <string>
 #include <vector>
 
 #include "host/keld_state.h"
+#include "platform/host_config.h"
 #include "tests/support/test_support.h"
 
 namespace kel {
@@ -63,6 +65,35 @@ class KeldHost {
 
 // Whether a process with this PID exists (and is not a zombie).
 bool ProcessAlive(int pid);
+
+// This process as a host with kel.conf, for the kel.conf source and the directory resolver: a
+// host configuration in a temporary directory (embedded directory, exactly the interfaces given),
+// a datastore with the configuration namespace (".iSCSI-CONFIG" -> <uuid>/etc), and the process's
+// directory opened on it. The destructor closes that directory.
+class ConfHostEnv {
+ public:
+  using Nics = std::map<std::string, platform::HostConfig::Nic>;
+  explicit ConfHostEnv(const Nics& nics);
+  ~ConfHostEnv();
+  ConfHostEnv(const ConfHostEnv&) = delete;
+  ConfHostEnv& operator=(const ConfHostEnv&) = delete;
+
+  // Replaces kel.conf (mode 0600) / removes the configuration namespace link.
+  void WriteConf(const std::string& text);
+  void RemoveNamespace();
+  // Installs the same host with other interfaces (the directory stays open).
+  void SetInterfaces(const Nics& nics);
+  // Records `hostUuid` as the owner of `objectUuid` whatever it was.
+  void SetOwner(const std::string& objectUuid, const std::string& hostUuid);
+
+  const platform::HostConfig& config() const { return config_; }
+  const std::string& selfUuid() const { return config_.hostUuid; }
+  std::string datastore() const { return config_.datastorePath; }
+
+ private:
+  kel::testing::TempDir dir_;
+  platform::HostConfig config_;
+};
 
 }  // namespace testing
 }  // namespace keld
