@@ -51,6 +51,23 @@ DatastoreMeta Parse(const std::string& data) {
   return meta;
 }
 
+bool IsEmbeddedDatastore() {
+  HostConfigPtr config = CurrentHostConfig();
+  return config->datastorePath == config->stateDir + "/datastore";
+}
+
+int MakeDirs(Fs& fs, const std::string& path) {
+  std::string cur;
+  for (size_t i = 0; i <= path.size(); ++i) {
+    if ((i == path.size() || path[i] == '/') && !cur.empty()) {
+      int err = fs.MakeDir(cur, 0755);
+      if (err != 0 && err != EEXIST) return err;
+    }
+    if (i < path.size()) cur.push_back(path[i]);
+  }
+  return 0;
+}
+
 // Reads the metadata, creating it when missing. Creation writes a complete file under a private
 // name and hard-links it into place: link(2) fails when another host won, and then that host's
 // file is read instead.
@@ -63,7 +80,15 @@ DatastoreMeta LoadOrCreate() {
   if (err != ENOENT) Fail("cannot read", err);
 
   FileInfo dir;
-  if (int derr = fs.Stat(DatastorePath(), &dir)) Fail("datastore is not accessible", derr);
+  int derr = fs.Stat(DatastorePath(), &dir);
+  if (derr == ENOENT && IsEmbeddedDatastore()) {
+    // The embedded single-host default keeps its datastore inside the state directory, so it is
+    // made on first use. A configured datastore is a mount of a shared file system and must
+    // already be there: creating it would put the cluster's files on this host's local disk.
+    derr = MakeDirs(fs, DatastorePath());
+    if (derr == 0) derr = fs.Stat(DatastorePath(), &dir);
+  }
+  if (derr != 0) Fail("datastore is not accessible", derr);
   DatastoreMeta fresh;
   uuid_generate_random(fresh.uuid.data());
   char suffix[37];

@@ -83,6 +83,13 @@ TEST(Datastore, UnusableDatastoreOrMetadataIsReportedByPath) {
     EXPECT_NE(std::string::npos, e.GetMessage().find("datastore is not accessible"));
   }
   EXPECT_FALSE(kel::testing::PathExists(ds.Join("not-mounted")));
+
+  // The embedded default keeps its datastore in the state directory and makes it on first use.
+  config.stateDir = ds.Join("state");
+  config.datastorePath = config.stateDir + "/datastore";
+  SetCurrentHostConfig(config);
+  EXPECT_EQ(DatastoreUuid(), DatastoreUuid());
+  EXPECT_TRUE(kel::testing::PathExists(ds.Join("state/datastore/") + kDatastoreMetaFile));
 }
 
 TEST(Datastore, MountPathFitsOrIsRefused) {
