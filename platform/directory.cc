@@ -179,9 +179,123 @@ bool DecodeMemberValue(const std::string& value, MemberRecord* member) {
   return true;
 }
 
+// ---- directory threads, callbacks in flight, the clean-up thread ----
+
+namespace {
+
+thread_local bool tDirectoryThread = false;
+
+// Notification callbacks running now, by ticket (the order in which they started).
+std::mutex gDeliveryMutex;
+std::condition_variable gDeliveryCv;
+uint64_t gLastTicket = 0;                         // guarded by gDeliveryMutex
+std::map<uint64_t, std::thread::id> gDeliveries;  // guarded by gDeliveryMutex
+
+class DeliveryScope {
+ public:
+  DeliveryScope() {
+    std::lock_guard<std::mutex> guard(gDeliveryMutex);
+    ticket_ = ++gLastTicket;
+    gDeliveries[ticket_] = std::this_thread::get_id();
+  }
+  ~DeliveryScope() {
+    std::lock_guard<std::mutex> guard(gDeliveryMutex);
+    gDeliveries.erase(ticket_);
+    gDeliveryCv.notify_all();
+  }
+  DeliveryScope(const DeliveryScope&) = delete;
+  DeliveryScope& operator=(const DeliveryScope&) = delete;
+
+ private:
+  uint64_t ticket_ = 0;
+};
+
+// One thread for what directory threads must not do themselves. Allocated once and never freed,
+// so that it outlives every static whose destructor might still hand it work.
+class CleanupThread {
+ public:
+  void Post(std::function<void()> work) {
+    std::lock_guard<std::mutex> guard(mu_);
+    tasks_.push_back(std::move(work));
+    if (!thread_.joinable()) thread_ = std::thread([this] { Run(); });
+    cv_.notify_one();
+  }
+  // Runs what is queued and joins the thread; a later Post starts it again.
+  void Drain() {
+    std::thread done;
+    {
+      std::lock_guard<std::mutex> guard(mu_);
+      if (!thread_.joinable() || thread_.get_id() == std::this_thread::get_id()) return;
+      stopping_ = true;
+      cv_.notify_one();
+      done.swap(thread_);
+    }
+    done.join();
+    std::lock_guard<std::mutex> guard(mu_);
+    stopping_ = false;
+  }
+
+ private:
+  void Run() {
+    std::unique_lock<std::mutex> lock(mu_);
+    for (;;) {
+      cv_.wait(lock, [this] { return stopping_ || !tasks_.empty(); });
+      if (tasks_.empty()) return;  // stopping and drained
+      auto task = std::move(tasks_.front());
+      tasks_.pop_front();
+      lock.unlock();
+      task();
+      lock.lock();
+    }
+  }
+
+  std::mutex mu_;
+  std::condition_variable cv_;
+  std::deque<std::function<void()>> tasks_;  // guarded by mu_
+  bool stopping_ = false;                    // guarded by mu_
+  std::thread thread_;                       // guarded by mu_
+};
+
+CleanupThread& Cleanup() {
+  static CleanupThread* cleanup = new CleanupThread();
+  return *cleanup;
+}
+
+// Joins `thread` on the clean-up thread (a thread cannot join itself).
+void JoinLater(std::thread thread) {
+  auto held = std::make_shared<std::thread>(std::move(thread));
+  RunOffDirectoryThreads([held] {
+    if (held->joinable()) held->join();
+  });
+}
+
+}  // namespace
+
+bool OnDirectoryThread() { return tDirectoryThread; }
+
+void MarkDirectoryThread() { tDirectoryThread = true; }
+
+void WaitForNotificationsInFlight() {
+  const std::thread::id self = std::this_thread::get_id();
+  std::unique_lock<std::mutex> lock(gDeliveryMutex);
+  const uint64_t horizon = gLastTicket;
+  gDeliveryCv.wait(lock, [&] {
+    for (const auto& kv : gDeliveries) {
+      if (kv.first > horizon) break;  // started after the call: not waited for
+      if (kv.second != self) return false;
+    }
+    return true;
+  });
+}
+
+void RunOffDirectoryThreads(std::function<void()> work) { Cleanup().Post(std::move(work)); }
+
 // ---- SerialExecutor ----
 
-SerialExecutor::SerialExecutor() : thread_([this] { Run(); }) {}
+SerialExecutor::SerialExecutor() : abandoned_(std::make_shared<std::atomic<bool>>(false)) {
+  thread_ = std::thread([this, abandoned = abandoned_] { Run(abandoned); });
+  thread_id_ = thread_.get_id();
+}
 
 SerialExecutor::~SerialExecutor() { Stop(); }
 
@@ -192,15 +306,27 @@ void SerialExecutor::Post(std::function<void()> task) {
 }
 
 void SerialExecutor::Stop() {
+  std::deque<std::function<void()>> left;
   {
     std::lock_guard<std::mutex> guard(mu_);
     stopping_ = true;
     cv_.notify_one();
+    if (OnThread()) left.swap(tasks_);
   }
-  if (thread_.joinable() && !OnThread()) thread_.join();
+  if (!thread_.joinable()) return;
+  if (!OnThread()) {
+    thread_.join();
+    return;
+  }
+  // Inside one of our own tasks: the rest runs here, in order, and the thread goes away after the
+  // current task without looking at this object again.
+  for (auto& task : left) task();
+  abandoned_->store(true);
+  JoinLater(std::move(thread_));
 }
 
-void SerialExecutor::Run() {
+void SerialExecutor::Run(const std::shared_ptr<std::atomic<bool>>& abandoned) {
+  MarkDirectoryThread();
   std::unique_lock<std::mutex> lock(mu_);
   for (;;) {
     cv_.wait(lock, [this] { return stopping_ || !tasks_.empty(); });
@@ -209,13 +335,17 @@ void SerialExecutor::Run() {
     tasks_.pop_front();
     lock.unlock();
     task();
+    if (abandoned->load()) return;  // let go by that task: touch nothing of this object
     lock.lock();
   }
 }
 
 // ---- NotificationHub ----
 
-NotificationHub::NotificationHub() : thread_([this] { Run(); }) {}
+NotificationHub::NotificationHub() : abandoned_(std::make_shared<std::atomic<bool>>(false)) {
+  thread_ = std::thread([this, abandoned = abandoned_] { Run(abandoned); });
+  thread_id_ = thread_.get_id();
+}
 
 NotificationHub::~NotificationHub() { Shutdown(); }
 
@@ -260,6 +390,11 @@ void NotificationHub::Enqueue(const SubPtr& sub, NUK_ReturnStatus status, const 
   queue_.push_back(std::move(ev));
 }
 
+void NotificationHub::Deliver(const SubPtr& sub, NUK_ReturnStatus status, const DirEntry* entry) {
+  DeliveryScope inFlight;
+  sub->fn(status, entry);
+}
+
 void NotificationHub::Publish(NUK_ReturnStatus status, const DirEntry& entry) {
   std::lock_guard<std::mutex> guard(mu_);
   if (stopping_) return;
@@ -276,7 +411,8 @@ void NotificationHub::PublishLookAgain() {
   cv_.notify_one();
 }
 
-void NotificationHub::Run() {
+void NotificationHub::Run(const std::shared_ptr<std::atomic<bool>>& abandoned) {
+  MarkDirectoryThread();
   std::unique_lock<std::mutex> lock(mu_);
   for (;;) {
     cv_.wait(lock, [this] { return stopping_ || !queue_.empty(); });
@@ -286,50 +422,78 @@ void NotificationHub::Run() {
     if (ev.sub->cancelled) continue;
     delivering_ = ev.sub;
     lock.unlock();
-    ev.sub->fn(ev.status, ev.hasEntry ? &ev.entry : nullptr);
+    Deliver(ev.sub, ev.status, ev.hasEntry ? &ev.entry : nullptr);
+    // Shut down from inside that call, the hub may be gone: touch nothing of it.
+    if (abandoned->load()) return;
     lock.lock();
     delivering_.reset();
     if (ev.sub->endPending) {
       ev.sub->endPending = false;
       lock.unlock();
-      ev.sub->fn(NUK_SUBSCRIPTION_ENDED, nullptr);
+      Deliver(ev.sub, NUK_SUBSCRIPTION_ENDED, nullptr);
+      if (abandoned->load()) return;
       lock.lock();
     }
   }
 }
 
 void NotificationHub::Shutdown() {
-  std::map<Directory::SubscriptionId, SubPtr> left;
+  std::vector<SubPtr> left;
+  bool ownThread = false;
   {
     std::lock_guard<std::mutex> guard(mu_);
     if (stopping_ && !thread_.joinable()) return;
     stopping_ = true;
     queue_.clear();
     cv_.notify_one();
+    ownThread = thread_.joinable() && std::this_thread::get_id() == thread_id_;
+    if (ownThread && delivering_ && delivering_->endPending) {
+      // Removed during the running call: its ended call is owed by a thread that will not make it.
+      delivering_->endPending = false;
+      left.push_back(delivering_);
+    }
   }
   if (thread_.joinable()) {
-    if (thread_.get_id() == std::this_thread::get_id()) {
-      thread_.detach();
+    if (ownThread) {
+      abandoned_->store(true);
+      JoinLater(std::move(thread_));
     } else {
       thread_.join();
     }
   }
   {
     std::lock_guard<std::mutex> guard(mu_);
-    left.swap(subs_);
-    for (auto& kv : left) kv.second->cancelled = true;
+    for (auto& kv : subs_) {
+      kv.second->cancelled = true;
+      left.push_back(kv.second);
+    }
+    subs_.clear();
   }
-  for (auto& kv : left) kv.second->fn(NUK_SUBSCRIPTION_ENDED, nullptr);
+  for (auto& sub : left) sub->fn(NUK_SUBSCRIPTION_ENDED, nullptr);
 }
 
 // ---- factory and the process's directory ----
 
+namespace {
+
+// The last reference of a directory dropped on one of its own threads: destroyed elsewhere, since
+// its destructor joins that very thread.
+void DestroyDirectory(Directory* directory) {
+  if (OnDirectoryThread()) {
+    RunOffDirectoryThreads([directory] { delete directory; });
+    return;
+  }
+  delete directory;
+}
+
+}  // namespace
+
 std::shared_ptr<Directory> OpenDirectory(const HostConfig& config, DirectoryRole role) {
   if (config.directoryBackend == "etcd") {
-    return std::make_shared<EtcdDirectory>(config, role);
+    return std::shared_ptr<Directory>(new EtcdDirectory(config, role), DestroyDirectory);
   }
   if (config.directoryBackend == "embedded" || config.directoryBackend.empty()) {
-    return std::make_shared<EmbeddedDirectory>(config);
+    return std::shared_ptr<Directory>(new EmbeddedDirectory(config), DestroyDirectory);
   }
   throw HostCtl::Lib::Orsa::OrsaCtlException("Unknown directory backend '" +
                                              config.directoryBackend + "'");
@@ -340,6 +504,25 @@ namespace {
 std::mutex gDirectoryMutex;
 std::shared_ptr<Directory> gDirectory;                  // guarded by gDirectoryMutex
 DirectoryRole gDirectoryRole = DirectoryRole::kClient;  // guarded by gDirectoryMutex
+bool gDirectoryClosedForGood = false;                   // guarded by gDirectoryMutex
+
+// Lets go of a directory that is no longer the process's: once the callbacks that may have taken
+// a reference to it have returned, this is normally the last reference.
+void Release(std::shared_ptr<Directory> old) {
+  if (!old) return;
+  WaitForNotificationsInFlight();
+  old.reset();
+}
+
+void CloseAtExit() {
+  {
+    std::lock_guard<std::mutex> guard(gDirectoryMutex);
+    gDirectoryClosedForGood = true;
+  }
+  CloseDirectory();
+  // Directories handed to the clean-up thread are gone before the statics they use.
+  Cleanup().Drain();
+}
 
 }  // namespace
 
@@ -347,9 +530,13 @@ std::shared_ptr<Directory> GetDirectory() {
   // Closed by an exit handler, which runs before the statics that its threads and callbacks use
   // (logs, host configuration) are destroyed; a program's own lease is revoked on the way out.
   static std::once_flag atExit;
-  std::call_once(atExit, [] { std::atexit([] { CloseDirectory(); }); });
+  std::call_once(atExit, [] { std::atexit(CloseAtExit); });
   std::lock_guard<std::mutex> guard(gDirectoryMutex);
-  if (!gDirectory) gDirectory = OpenDirectory(*CurrentHostConfig(), gDirectoryRole);
+  if (gDirectory) return gDirectory;
+  if (gDirectoryClosedForGood || OnDirectoryThread()) {
+    throw HostCtl::Lib::Orsa::OrsaCtlException("Directory: the cluster directory is closed");
+  }
+  gDirectory = OpenDirectory(*CurrentHostConfig(), gDirectoryRole);
   return gDirectory;
 }
 
@@ -364,8 +551,8 @@ void CloseDirectory() {
     std::lock_guard<std::mutex> guard(gDirectoryMutex);
     old.swap(gDirectory);
   }
-  // Destroyed outside the lock: ending subscriptions runs callbacks.
-  old.reset();
+  // Outside the lock: ending subscriptions runs callbacks, which may ask for the directory.
+  Release(std::move(old));
 }
 
 void SetDirectoryForTest(std::shared_ptr<Directory> directory) {
@@ -375,6 +562,7 @@ void SetDirectoryForTest(std::shared_ptr<Directory> directory) {
     old.swap(gDirectory);
     gDirectory = std::move(directory);
   }
+  Release(std::move(old));
 }
 
 }  // namespace platform

@@ -25,9 +25,16 @@
 // callback wants): when the subscription's callback is running at that moment, the ended call
 // follows on the notification thread right after it; otherwise it is made before Unsubscribe
 // returns, from the calling thread.
+//
+// Lifetime: a directory's own threads (notification, writer, watcher, keepalive) must never run
+// its destructor, which joins them. The process's directory (GetDirectory) is never reopened from
+// one of them, CloseDirectory waits for the callbacks in flight before it lets go, and a directory
+// from OpenDirectory whose last reference is dropped on a directory thread is destroyed on a
+// separate thread instead.
 #pragma once
 
 #include <array>
+#include <atomic>
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
@@ -150,20 +157,39 @@ class Directory {
 };
 
 // Opens the backend that `config` names. Throws OrsaCtlException when it cannot be opened (etcd
-// unreachable, state directory not writable).
+// unreachable, state directory not writable). When the last reference goes away on one of a
+// directory's own threads, the directory is destroyed on another thread (see Lifetime above).
 std::shared_ptr<Directory> OpenDirectory(const HostConfig& config, DirectoryRole role);
 
 // The process's directory, opened on first use from CurrentHostConfig() with the role set by
 // SetDirectoryRole (kClient by default). Throws like OpenDirectory; a failed open is retried on the
-// next call. Closed at exit. Thread-safe.
+// next call. Never opens one on a directory thread (a notification callback that runs while the
+// directory is being closed must not bring it back) nor after the exit handler closed it: it
+// throws "Directory: the cluster directory is closed" then. Closed at exit. Thread-safe.
 std::shared_ptr<Directory> GetDirectory();
 // Programs call this before the first GetDirectory(); the host agent passes kHostAgent.
 void SetDirectoryRole(DirectoryRole role);
-// Closes the process's directory (programs at exit; tests between cases). The next GetDirectory()
-// opens a fresh one.
+// Closes the process's directory (programs at exit; tests between cases): it stops being handed
+// out, then the call waits until every notification callback that was already running returns
+// (except the caller's own, when called from one), so the directory is normally destroyed here.
+// Must not be called while holding a lock that a notification callback takes. The next
+// GetDirectory() from an ordinary thread opens a fresh one.
 void CloseDirectory();
-// Test-only: use `directory` as the process's directory (null: back to opening on demand).
+// Test-only: use `directory` as the process's directory (null: back to opening on demand). The
+// one it replaces is let go as CloseDirectory does.
 void SetDirectoryForTest(std::shared_ptr<Directory> directory);
+
+// True on one of a directory's own threads (notification, writer, watcher, keepalive).
+bool OnDirectoryThread();
+// Marks the calling thread as a directory thread for the rest of its life (backends' threads).
+void MarkDirectoryThread();
+// Blocks until every notification callback that is running when it is called has returned; the
+// caller's own callback (when called from one) is not waited for.
+void WaitForNotificationsInFlight();
+// Runs `work` on the process's clean-up thread, never on a directory thread: what a directory
+// thread cannot do itself (destroy its own directory, join itself). Tasks run in order; the exit
+// handler runs what is queued and joins the thread.
+void RunOffDirectoryThreads(std::function<void()> work);
 
 // ---- Building blocks shared by the backends ----
 
@@ -185,17 +211,23 @@ class SerialExecutor {
   SerialExecutor& operator=(const SerialExecutor&) = delete;
 
   void Post(std::function<void()> task);
+  // From the executor's own thread (a task that ends its owner): the queued tasks run right here,
+  // the thread is joined by the clean-up thread once the current task returns, and it touches
+  // nothing of this object after that.
   void Stop();
-  bool OnThread() const { return std::this_thread::get_id() == thread_.get_id(); }
+  bool OnThread() const { return std::this_thread::get_id() == thread_id_; }
 
  private:
-  void Run();
+  void Run(const std::shared_ptr<std::atomic<bool>>& abandoned);
 
   std::mutex mu_;
   std::condition_variable cv_;
   std::deque<std::function<void()>> tasks_;  // guarded by mu_
   bool stopping_ = false;                    // guarded by mu_
+  // Set when the object is let go by its own thread; that thread then returns at once.
+  std::shared_ptr<std::atomic<bool>> abandoned_;
   std::thread thread_;
+  std::thread::id thread_id_;
 };
 
 // Subscriptions and their delivery on one notification thread, with the ending rules described at
@@ -215,7 +247,9 @@ class NotificationHub {
   void Publish(NUK_ReturnStatus status, const DirEntry& entry);
   // Changes may have been missed: every subscription gets NUK_ENTRY_CHANGED.
   void PublishLookAgain();
-  // Ends every subscription and stops the thread; later Publish calls are dropped.
+  // Ends every subscription and stops the thread; later Publish calls are dropped. Called from
+  // inside a callback (the owner destroyed on its own notification thread), the thread is joined by
+  // the clean-up thread once the callback returns, and touches nothing of this object after that.
   void Shutdown();
 
  private:
@@ -234,8 +268,10 @@ class NotificationHub {
     DirEntry entry;
   };
 
-  void Run();
+  void Run(const std::shared_ptr<std::atomic<bool>>& abandoned);
   void Enqueue(const SubPtr& sub, NUK_ReturnStatus status, const DirEntry* entry);
+  // Calls the subscription's function, counted as a callback in flight.
+  static void Deliver(const SubPtr& sub, NUK_ReturnStatus status, const DirEntry* entry);
 
   mutable std::mutex mu_;
   std::condition_variable cv_;
@@ -244,7 +280,9 @@ class NotificationHub {
   SubPtr delivering_;                                 // guarded by mu_
   Directory::SubscriptionId nextId_ = 1;              // guarded by mu_
   bool stopping_ = false;                             // guarded by mu_
+  std::shared_ptr<std::atomic<bool>> abandoned_;      // see SerialExecutor
   std::thread thread_;
+  std::thread::id thread_id_;
 };
 
 }  // namespace platform

@@ -198,7 +198,10 @@ EmbeddedDirectory::EmbeddedDirectory(const HostConfig& config)
   writer_ = std::make_unique<SerialExecutor>();
   // The snapshot is taken after the watch exists, so no change falls between the two.
   Rescan();
-  watcher_ = std::thread([this] { Watch(); });
+  watcher_ = std::thread([this] {
+    MarkDirectoryThread();
+    Watch();
+  });
 }
 
 EmbeddedDirectory::~EmbeddedDirectory() {

@@ -50,7 +50,10 @@ EtcdDirectory::EtcdDirectory(const HostConfig& config, DirectoryRole role)
   }
   hub_ = std::make_unique<NotificationHub>();
   writer_ = std::make_unique<SerialExecutor>();
-  keepAlive_ = std::thread([this] { KeepAliveLoop(); });
+  keepAlive_ = std::thread([this] {
+    MarkDirectoryThread();
+    KeepAliveLoop();
+  });
 }
 
 EtcdDirectory::~EtcdDirectory() {
@@ -296,7 +299,10 @@ NUK_ReturnStatus EtcdDirectory::StartWatch() {
   }
   watchRevision_ = revision + 1;
   watchStarted_ = true;
-  watcher_ = std::thread([this] { WatchLoop(); });
+  watcher_ = std::thread([this] {
+    MarkDirectoryThread();
+    WatchLoop();
+  });
   return NUK_OK;
 }
 

@@ -14,6 +14,9 @@
 #include "platform/directory.h"
 #include "platform/directory_embedded.h"
 #include "platform/directory_etcd.h"
+#include "platform/exception.h"
+#include "platform/host_config.h"
+#include "platform/lodex.h"
 #include "tests/support/etcd_fixture.h"
 #include "tests/support/test_support.h"
 
@@ -416,6 +419,137 @@ TYPED_TEST(DirectoryConformance, ClosingTheDirectoryEndsItsSubscriptions) {
   auto notes = rec.Notes();
   ASSERT_EQ(notes.size(), 1u);
   EXPECT_EQ(notes[0].status, NUK_SUBSCRIPTION_ENDED);
+}
+
+// What one subscription of the process's directory saw. `current` is the directory that was the
+// process's when it subscribed.
+struct Probe {
+  std::atomic<Directory*> current{nullptr};
+  std::atomic<int> calls{0};
+  std::atomic<int> inFlight{0};
+  std::atomic<int> reopened{0};
+  std::atomic<int> ended{0};
+  std::atomic<bool> closeInside{false};
+};
+
+// Does what the configuration entry's callback does (looks the notified entry up again through
+// the process's directory), notes whether the process's directory is still the one it subscribed
+// to, and stays a moment so that closes meet running callbacks.
+NUK_ReturnStatus ProbeCallback(void* context, const LODEX_Entry* entry, int, NUK_ReturnStatus st) {
+  auto* probe = static_cast<Probe*>(context);
+  if (st == NUK_SUBSCRIPTION_ENDED) {
+    probe->ended.fetch_add(1);
+    return NUK_OK;
+  }
+  probe->inFlight.fetch_add(1);
+  probe->calls.fetch_add(1);
+  if (entry != nullptr) {
+    LODEX_Entry* full = nullptr;
+    if (LODEX_FindFullEntryByHeader(&entry->header, 0, nullptr, 1, &full) == NUK_OK) {
+      LODEX_FreeEntry(nullptr, full);
+    }
+  }
+  try {
+    std::shared_ptr<Directory> now = kel::platform::GetDirectory();
+    if (now.get() != probe->current.load()) probe->reopened.fetch_add(1);
+    if (probe->closeInside.exchange(false)) kel::platform::CloseDirectory();
+  } catch (const HostCtl::Lib::Orsa::OrsaCtlException&) {
+    // Closed: what a callback that runs during a close must see.
+  }
+  std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  probe->inFlight.fetch_sub(1);
+  return NUK_OK;
+}
+
+bool WaitUntil(const std::function<bool()>& done) {
+  const auto deadline = std::chrono::steady_clock::now() + kWait;
+  while (!done()) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  return true;
+}
+
+TYPED_TEST(DirectoryConformance, TheProcessDirectoryClosesSafelyWhileNotificationsRun) {
+  kel::platform::SetCurrentHostConfig(this->backend_.Config());
+  kel::platform::CloseDirectory();
+  auto peer = this->backend_.OpenPeer();
+  const DirEntry entry = MakeEntry(37, "0");
+  // Another view changes the entry without pause, so notifications are being delivered whenever
+  // the process's directory is closed.
+  std::atomic<bool> stop{false};
+  std::thread writer([&] {
+    DirEntry e = entry;
+    for (int i = 1; !stop.load(); ++i) {
+      e.data = std::to_string(i);
+      UpdateAndWait(*peer, e);
+    }
+  });
+  LODEX_Query query;
+  LODEX_InitQuery(&query, LODEX_MATCH_UUID | LODEX_MATCH_TYPE | 37, entry.uuid.data(), nullptr);
+
+  const int cycles = TypeParam::kMultiHost ? 25 : 100;
+  for (int cycle = 0; cycle < cycles; ++cycle) {
+    SCOPED_TRACE("cycle " + std::to_string(cycle));
+    Probe probe;
+    std::shared_ptr<Directory> dir = kel::platform::GetDirectory();
+    probe.current = dir.get();
+    std::weak_ptr<Directory> weak = dir;
+    dir.reset();
+    // Every fourth cycle the callback itself closes the directory, so that the last reference
+    // goes away on the notification thread.
+    probe.closeInside = cycle % 4 == 3;
+    ASSERT_EQ(LODEX_Subscribe(&query, ProbeCallback, &probe), NUK_OK);
+    ASSERT_TRUE(WaitUntil([&] { return probe.calls.load() > 0; }));
+    if (cycle % 4 == 3) {
+      ASSERT_TRUE(WaitUntil([&] { return weak.expired(); }));
+      ASSERT_TRUE(WaitUntil([&] { return probe.ended.load() == 1; }));
+    } else {
+      kel::platform::CloseDirectory();
+      // Nothing of the closed directory runs any more, and its subscription has ended.
+      EXPECT_TRUE(weak.expired());
+      EXPECT_EQ(probe.ended.load(), 1);
+    }
+    EXPECT_EQ(probe.inFlight.load(), 0);
+    EXPECT_EQ(probe.reopened.load(), 0);
+  }
+  stop = true;
+  writer.join();
+}
+
+// A directory owned by nothing but one of its own callbacks (or completions) goes away on that
+// very thread: its threads are still stopped and joined, and the subscription still ends once.
+TYPED_TEST(DirectoryConformance, ADirectoryLetGoOnItsOwnThreadShutsDownCleanly) {
+  for (bool byNotification : {true, false}) {
+    SCOPED_TRACE(byNotification ? "notification thread" : "writer thread");
+    Recorder rec;
+    auto dir = this->backend_.Open();
+    Directory* raw = dir.get();
+    std::weak_ptr<Directory> weak = dir;
+    auto holder = std::make_shared<std::shared_ptr<Directory>>(std::move(dir));
+    DirEntry e = MakeEntry(37, "x");
+    Directory::SubscriptionId id = 0;
+    ASSERT_EQ(
+        raw->Subscribe(
+            ByUuid(e),
+            [holder, byNotification, fn = rec.Fn()](NUK_ReturnStatus st, const DirEntry* entry) {
+              fn(st, entry);
+              if (byNotification && st == NUK_OK) holder->reset();
+            },
+            &id),
+        NUK_OK);
+    ASSERT_EQ(raw->Update(e,
+                          [holder, byNotification](NUK_ReturnStatus) {
+                            if (!byNotification) holder->reset();
+                          }),
+              NUK_OK);
+    ASSERT_TRUE(WaitUntil([&] { return weak.expired(); }));
+    ASSERT_TRUE(
+        rec.WaitFor([](const Recorder::Note& n) { return n.status == NUK_SUBSCRIPTION_ENDED; }));
+    int ended = 0;
+    for (const auto& n : rec.Notes()) ended += n.status == NUK_SUBSCRIPTION_ENDED ? 1 : 0;
+    EXPECT_EQ(ended, 1);
+  }
 }
 
 TYPED_TEST(DirectoryConformance, MembershipHoldsThisHostWithItsFlags) {
