@@ -15,9 +15,31 @@ constexpr int kNotFoundWaitCapMs = 10000;
 
 int CeilDiv(int a, int b) { return a <= 0 ? 0 : (a + b - 1) / b; }
 
-// Opens with retries: a busy lock and a missing file each have their own budget; any other result
-// ends the wait at once. A retry sleeps only when another attempt follows, so the budgets are the
-// numbers of re-opens (5 re-opens 2 s apart for a missing file under the 300 s wait).
+// One attempt at `path` behind its intent file (Fio_LockIntent). A writer (exclusive) keeps the
+// intent in `intent` while `path` is busy, so that no new reader gets in before it; a reader never
+// waits holding it. An intent file that cannot be made (a read-only file system) only costs the
+// preference: the attempt goes on without it.
+NUK_ReturnStatus OpenBehindIntent(const char* path, int flags, FioHandle* file, FioHandle* intent,
+                                  int* last_errno) {
+  const bool writer = (flags & FIO_LOCK_EXCLUSIVE) != 0;
+  if (!intent->Valid() && (flags & (FIO_LOCK_SHARED | FIO_LOCK_EXCLUSIVE)) != 0) {
+    NUK_ReturnStatus status =
+        Fio_LockIntent(path, writer ? FIO_LOCK_EXCLUSIVE : FIO_LOCK_SHARED, intent);
+    if (status == NUK_BUSY || status == NUK_NOT_FOUND) {
+      *last_errno = Fio_LastErrno();
+      return status;
+    }
+  }
+  NUK_ReturnStatus status = Fio_Open(path, flags, file);
+  if (status != NUK_OK) *last_errno = Fio_LastErrno();
+  if (!writer || status != NUK_BUSY) Fio_Close(intent);
+  return status;
+}
+
+// Opens with retries: a busy lock (of the file or of its intent) and a missing file each have
+// their own budget; any other result ends the wait at once. A retry sleeps only when another
+// attempt follows, so the budgets are the numbers of re-opens (5 re-opens 2 s apart for a missing
+// file under the 300 s wait).
 NUK_ReturnStatus OpenWithRetries(const char* path, int flags, FioHandle* file, int wait_ms) {
   file->fd = -1;
   file->lock = 0;
@@ -28,9 +50,9 @@ NUK_ReturnStatus OpenWithRetries(const char* path, int flags, FioHandle* file, i
   int not_found_retries = 0;
   NUK_ReturnStatus status;
   int last_errno = 0;
+  FioHandle intent;
   for (;;) {
-    status = Fio_Open(path, flags, file);
-    if (status != NUK_OK) last_errno = Fio_LastErrno();
+    status = OpenBehindIntent(path, flags, file, &intent, &last_errno);
     if (status == NUK_BUSY) {
       if (lock_retries >= lock_budget) break;
       ++lock_retries;
@@ -43,6 +65,7 @@ NUK_ReturnStatus OpenWithRetries(const char* path, int flags, FioHandle* file, i
       break;
     }
   }
+  Fio_Close(&intent);
   if (lock_retries != 0 || not_found_retries != 0) {
     if (status == NUK_OK) {
       log_debugx("open succeeded for %s after %d lock retries and %d not found retries", path,

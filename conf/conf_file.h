@@ -6,6 +6,13 @@
 // ceil(min(wait_ms, 10000) / 2000) times (1500 and 5 for the 300000 that ConfHandle uses). Every
 // sleep goes through kel::platform::SleepMs, so tests run the rule with a fake clock.
 //
+// Writers are preferred over readers through the file's intent file (Fio_LockIntent): a writer
+// takes the intent exclusively (a busy intent is retried like a busy lock), then the exclusive lock
+// on the file, keeping the intent while it waits for that lock, and releases the intent once it
+// has the lock; a reader takes the intent shared, tries the shared lock once, and releases the
+// intent before it sleeps. New readers thus queue behind a waiting writer instead of keeping it out
+// until its budget runs out.
+//
 // On failure the handle is left invalid and the platform status is returned (NUK_BUSY when the
 // lock stayed busy, NUK_NOT_FOUND when the file stayed missing).
 #pragma once

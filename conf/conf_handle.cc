@@ -8,9 +8,14 @@
 #include <atomic>
 #include <cerrno>
 #include <cstring>
+#include <functional>
+#include <map>
+#include <utility>
+#include <vector>
 
 #include "conf/conf.h"
 #include "conf/conf_file.h"
+#include "conf/parser_internal.h"
 #include "conf/writer.h"
 #include "platform/exception.h"
 #include "platform/host_config.h"
@@ -69,7 +74,37 @@ class StreamCloser {
   FILE* stream_;
 };
 
+// The datastore steps of the edits in progress, by handle (see Parser::internal::
+// AddDatastoreStep). Kept beside the handles so that their interface stays that of a file.
+struct DatastoreStep {
+  std::function<void()> undo;
+  std::function<void()> commit;
+};
+std::mutex gStepsMutex;
+std::map<const ConfHandle*, std::vector<DatastoreStep>> gSteps;  // guarded by gStepsMutex
+
+std::vector<DatastoreStep> TakeSteps(const ConfHandle* handle) {
+  std::lock_guard<std::mutex> guard(gStepsMutex);
+  auto it = gSteps.find(handle);
+  if (it == gSteps.end()) return {};
+  std::vector<DatastoreStep> steps = std::move(it->second);
+  gSteps.erase(it);
+  return steps;
+}
+
 }  // namespace
+
+namespace Parser {
+namespace internal {
+
+void AddDatastoreStep(ConfHandle& handle, std::function<void()> undo,
+                      std::function<void()> commit) {
+  std::lock_guard<std::mutex> guard(gStepsMutex);
+  gSteps[&handle].push_back({std::move(undo), std::move(commit)});
+}
+
+}  // namespace internal
+}  // namespace Parser
 
 std::mutex ConfHandle::_fileLock;
 
@@ -89,6 +124,12 @@ ConfHandle::ConfHandle(int mode) : mode_(mode) {
 }
 
 ConfHandle::~ConfHandle() {
+  // Steps not followed by a write: the file still describes the datastore as it was before them,
+  // so they are undone while the lock still keeps everyone else out.
+  std::vector<DatastoreStep> steps = TakeSteps(this);
+  for (auto it = steps.rbegin(); it != steps.rend(); ++it) {
+    if (it->undo) it->undo();
+  }
   if (conf_ != nullptr) {
     conf_delete(conf_);
     conf_ = nullptr;
@@ -165,9 +206,15 @@ uint64_t ConfHandle::WriteConfFile() {
     throw OrsaCtlException(std::string("Failed to write temp config file: ") + strerror(errno));
   }
   if (Fio_Sync(&temp) != NUK_OK) throw OrsaCtlException("Failed to sync temp config");
-  if (Fio_AtomicUpdate(&file_, &temp) != NUK_OK) {
-    throw OrsaCtlException("Failed to swap config and temp config");
+  const NUK_ReturnStatus swap = Fio_AtomicUpdate(&file_, &temp);
+  // The swap happened when the temporary handle was taken over (also when only the directory sync
+  // after it failed): the file now describes the datastore after the edit's steps.
+  if (!temp.Valid()) {
+    for (DatastoreStep& step : TakeSteps(this)) {
+      if (step.commit) step.commit();
+    }
   }
+  if (swap != NUK_OK) throw OrsaCtlException("Failed to swap config and temp config");
   return conf_->conf_generation;
 }
 

@@ -4,9 +4,11 @@
 #include <cctype>
 #include <cerrno>
 #include <cstring>
+#include <exception>
 #include <set>
 
 #include "conf/conf.h"
+#include "conf/conf_handle.h"
 #include "conf/parser_edit.h"
 #include "conf/parser_internal.h"
 #include "directory/config_cache.h"
@@ -391,20 +393,47 @@ void checkInitiatorCount(struct conf* c, int newCount) {
 
 namespace Util {
 
+namespace {
+
+void DropCachedConfig() {
+  try {
+    ConfigCache::CleanupCachedConfig();
+  } catch (const OrsaCtlException& e) {
+    LogWarning("%s: Failed to drop the cached config: %s", Parser::internal::kTag,
+               e.GetMessage().c_str());
+  }
+}
+
+}  // namespace
+
+uint64_t ChangeConfFile(const std::function<bool(ConfHandle&)>& edit,
+                        const std::function<void(uint64_t)>& written) {
+  uint64_t generation = Parser::internal::kNothingWritten;
+  std::exception_ptr publishFailure;
+  {
+    ConfHandle handle(ConfHandle::kExclusive);
+    if (!edit(handle)) return generation;
+    generation = handle.WriteConfFile();
+    if (written) written(generation);
+    try {
+      DoActionForConfigChange(generation);
+    } catch (const OrsaCtlException&) {
+      publishFailure = std::current_exception();
+    }
+  }
+  if (publishFailure) {
+    // The file changed all the same: the cached model is older than it.
+    DropCachedConfig();
+    std::rethrow_exception(publishFailure);
+  }
+  ApplyConfigChange(generation);
+  return generation;
+}
+
 void ApplyConfigChange(uint64_t generation) {
   if (generation == Parser::internal::kNothingWritten) return;
-  // Whatever happens to the publication or the reload, the cached model is older than the file.
-  struct CacheDrop {
-    ~CacheDrop() {
-      try {
-        ConfigCache::CleanupCachedConfig();
-      } catch (const OrsaCtlException& e) {
-        LogWarning("%s: Failed to drop the cached config: %s", Parser::internal::kTag,
-                   e.GetMessage().c_str());
-      }
-    }
-  } dropCache;
-  DoActionForConfigChange(generation);
+  // Whatever happens to the reload, the cached model is older than the file.
+  DropCachedConfig();
   // A host whose service is disabled runs no daemon (the namespace is created before the service
   // is enabled): there is nothing to reload, and asking would fail.
   bool enabled = false;

@@ -94,15 +94,12 @@ void SetDefaultPortal(struct conf* c, const DefaultInfo& info) {
 
 void UpdateDefaultConfig(const DefaultInfo& info) {
   try {
-    uint64_t generation = kNothingWritten;
-    {
-      ConfHandle handle(ConfHandle::kExclusive);
+    Util::ChangeConfFile([&](ConfHandle& handle) {
       struct conf* c = handle.GetConf();
       SetDefaultAuth(c, info);
       SetDefaultPortal(c, info);
-      generation = handle.WriteConfFile();
-    }
-    Util::ApplyConfigChange(generation);
+      return true;
+    });
   } catch (const OrsaCtlException& e) {
     LogError("%s: Failed to Update default config info %s", kTag, e.GetMessage().c_str());
     throw;

@@ -1,18 +1,20 @@
 // Configuration editing: the transactions through which the service changes kel.conf, and the
 // readers the service uses.
 //
-// Each transaction opens its own exclusive ConfHandle (unless it is given one), changes the model,
-// checks the cluster limits, writes the file with generation + 1, destroys the handle (unlocking
-// the file) and then runs the change action (Util::ApplyConfigChange). Every failure is thrown as
-// OrsaCtlException; the handle is destroyed on the way out, which drops the unsaved model and
-// unlocks the file, so a failed edit never reaches the file. Readers go through the configuration
-// cache.
+// Each transaction runs through Util::ChangeConfFile (unless it is given a handle): an exclusive
+// ConfHandle, the change to the model and the cluster limits, the write with generation + 1 and
+// the publication of that generation while the file is still locked, then, once the handle is
+// destroyed, the local half of the change action (Util::ApplyConfigChange). Every failure is
+// thrown as OrsaCtlException; the handle is destroyed on the way out, which drops the unsaved
+// model, undoes the datastore steps of the edit and unlocks the file, so a failed edit never
+// reaches the file. Readers go through the configuration cache.
 //
 // Thread-safety: all functions may be called from several threads; edits are serialised by the
 // cluster-wide file lock.
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -111,7 +113,10 @@ void RemoveLunFromConfFile(int lunId, const std::string& targetAlias);
 // target's namespace), lun.alias (empty keeps), lun.status (empty keeps) and the size
 // (RequestedSectors; 0 keeps, smaller is refused with "LUN size cannot be reduced", larger grows
 // the disk). Renumbering and moving need the LUN offline already. Everything that can be refused
-// is checked before the disk is touched; if a later step throws, a moved disk is moved back.
+// is checked before the disk is touched. A moved disk stays tied to the handle: when the handle is
+// destroyed without a write of the file (a later step or the write itself failed), the disk is
+// moved back to the target that the file still names; the reservation and lock files of its old
+// path are removed only by that write, so a failed UpdateLun leaves the datastore as it was.
 // On success lun.id and lun.targetAlias name where the LUN is now. `retry` is always false in this
 // build: the disk is grown synchronously, so no resize of another writer can be pending here.
 void UpdateLun(HostCtl::Orsa::IscsiTarget::LunInfo& lun, int newId, const std::string& newTarget,
@@ -153,8 +158,12 @@ uint64_t GetKelLunActualSize(struct lun* l);
 void AddNewInitiatorgroupToConfFile(const std::string& name);
 // Deletes a group. Without `force` a group still admitted by targets is refused ("Initiator group
 // <name> is used by target(s) <alias1>, <alias2>; remove it from them first or use force"); with
-// it, every reference is removed first. Unknown group: "Initiator group <name> not found". Every
-// failure is thrown as "Failed to remove initiator group <name> with error <reason>".
+// it, every reference is removed first. A target's auth group that is left with no initiator name
+// and no group reference would admit every initiator, so force never leaves a target like that
+// online: in the same write each such target gets the option "status" "offline", and the warning
+// "Parser: Target <alias> has no initiator left after removing initiator group <name>; taking it
+// offline" is logged once the file is written. Unknown group: "Initiator group <name> not found".
+// Every failure is thrown as "Failed to remove initiator group <name> with error <reason>".
 void RemoveInitiatorgroupFromConfFile(const std::string& name, bool force);
 // Adds the names that are not in the group yet (compared without case). Checks the initiator
 // limit for them first, then validates every name (Util::ValidateInitiatorIQN). Writes only when
@@ -197,11 +206,28 @@ HostCtl::Orsa::IscsiTarget::DefaultInfo GetDefaultInfo(bool withSecrets);
 
 namespace Util {
 
-// The change action after this host wrote kel.conf with `generation`: publish the generation in
-// the directory (DoActionForConfigChange), make the local daemon reload (ReloadKeld, only while
-// the service is enabled on this host; its failure propagates), and drop the cached
-// configuration, which is dropped also when one of the first two throws. All ones: nothing was written, nothing to do. Call it after the handle is destroyed, so
-// that the daemon can read the file.
+// One change of kel.conf, the shape every writer follows:
+//  1. an exclusive ConfHandle is opened and `edit` changes its model; `edit` returns false when
+//     there is nothing to write (the handle is closed and nothing else happens);
+//  2. the file is written with generation + 1 and `written` (when given) runs, still under the
+//     lock;
+//  3. the new generation is published in the directory (DoActionForConfigChange) while the
+//     exclusive lock is still held: a host's publication can then never overtake the newer one of
+//     the host that writes next, so the directory ends with the file's last generation;
+//  4. the handle is closed, unlocking the file;
+//  5. ApplyConfigChange: only now, since the daemon reads the file under the shared lock.
+// Returns the generation written, or all ones. Failures: from `edit` or the write, nothing is
+// written and the edit's datastore steps are undone; from the publication, the file stays written
+// (`written` has run), the cached configuration is dropped and no reload is asked for; from the
+// reload, everything else is done.
+uint64_t ChangeConfFile(const std::function<bool(ConfHandle&)>& edit,
+                        const std::function<void(uint64_t)>& written = nullptr);
+
+// The local half of the change action, after the handle that wrote `generation` is destroyed
+// (ChangeConfFile runs it): drop the cached configuration and make the local daemon reload
+// (ReloadKeld, only while the service is enabled on this host; its failure propagates after the
+// cache is dropped). All ones: nothing was written, nothing to do. Publishing is not part of it:
+// that happens under the file lock (step 3 above).
 void ApplyConfigChange(uint64_t generation);
 
 // One target's record read from kel.conf; throws "Target <alias> not found" when missing.

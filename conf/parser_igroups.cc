@@ -37,16 +37,22 @@ struct initiator* FindInitiator(const struct initiator_group* ig, const std::str
   return nullptr;
 }
 
-// Aliases (or names, for a target without one) of the targets admitting `ig`, in file order.
-std::vector<std::string> TargetsUsingGroup(const struct conf* c, const struct initiator_group* ig) {
-  std::vector<std::string> users;
-  const struct target* t;
+// How messages name a target: its alias, or its name when it has none.
+std::string TargetLabel(const struct target* t) {
+  return t->t_alias != nullptr ? t->t_alias : Text(t->t_name);
+}
+
+// The targets whose auth group admits `ig`, in file order.
+std::vector<struct target*> TargetsUsingGroup(const struct conf* c,
+                                              const struct initiator_group* ig) {
+  std::vector<struct target*> users;
+  struct target* t;
   TAILQ_FOREACH(t, &c->conf_targets, t_next) {
     if (t->t_auth_group == nullptr) continue;
     const struct auth_group_igroup_ref* ref;
     TAILQ_FOREACH(ref, &t->t_auth_group->ag_igroup_refs, ref_next) {
       if (ref->ref_igroup == ig) {
-        users.push_back(t->t_alias != nullptr ? t->t_alias : Text(t->t_name));
+        users.push_back(t);
         break;
       }
     }
@@ -59,9 +65,7 @@ std::vector<std::string> TargetsUsingGroup(const struct conf* c, const struct in
 void AddNewInitiatorgroupToConfFile(const std::string& name) {
   try {
     Util::ValidateInitiatorGroupName(name);
-    uint64_t generation = kNothingWritten;
-    {
-      ConfHandle handle(ConfHandle::kExclusive);
+    Util::ChangeConfFile([&](ConfHandle& handle) {
       struct conf* c = handle.GetConf();
       const int count = CountInitiatorGroups(c);
       if (count >= kMaxInitiatorGroups) {
@@ -75,9 +79,8 @@ void AddNewInitiatorgroupToConfFile(const std::string& name) {
       if (initiator_group_new(c, name.c_str()) == nullptr) {
         throw OrsaCtlException("Failed add new initiator group.");
       }
-      generation = handle.WriteConfFile();
-    }
-    Util::ApplyConfigChange(generation);
+      return true;
+    });
   } catch (const OrsaCtlException& e) {
     throw OrsaCtlException("Failed to add initiator group " + name +
                            " with error: " + e.GetMessage());
@@ -89,23 +92,40 @@ void RemoveInitiatorgroupFromConfFile(const std::string& name, bool force) {
   LogInfo("%s: Remove initiator group %s from conf file (force enabled: %d).", kTag, name.c_str(),
           force ? 1 : 0);
   try {
-    uint64_t generation = kNothingWritten;
-    {
-      ConfHandle handle(ConfHandle::kExclusive);
-      struct conf* c = handle.GetConf();
-      struct initiator_group* ig = RequireGroup(c, name);
-      const std::vector<std::string> users = TargetsUsingGroup(c, ig);
-      if (!users.empty() && !force) {
-        std::string list;
-        for (const std::string& user : users) list += (list.empty() ? "" : ", ") + user;
-        throw OrsaCtlException("Initiator group " + name + " is used by target(s) " + list +
-                               "; remove it from them first or use force");
-      }
-      initiator_group_delete_all_refs(c, ig);
-      initiator_group_delete(ig);
-      generation = handle.WriteConfFile();
-    }
-    Util::ApplyConfigChange(generation);
+    std::vector<std::string> takenOffline;
+    Util::ChangeConfFile(
+        [&](ConfHandle& handle) {
+          struct conf* c = handle.GetConf();
+          struct initiator_group* ig = RequireGroup(c, name);
+          const std::vector<struct target*> users = TargetsUsingGroup(c, ig);
+          if (!users.empty() && !force) {
+            std::string list;
+            for (const struct target* t : users) {
+              list += (list.empty() ? "" : ", ") + TargetLabel(t);
+            }
+            throw OrsaCtlException("Initiator group " + name + " is used by target(s) " + list +
+                                   "; remove it from them first or use force");
+          }
+          initiator_group_delete_all_refs(c, ig);
+          initiator_group_delete(ig);
+          // A target whose auth group names no initiator and no group any more would admit
+          // every initiator: forcing a removal must never open a target to everyone.
+          for (struct target* t : users) {
+            const struct auth_group* ag = t->t_auth_group;
+            if (!TAILQ_EMPTY(&ag->ag_names) || !TAILQ_EMPTY(&ag->ag_igroup_refs)) continue;
+            SetTargetOption(t, "status", "offline");
+            takenOffline.push_back(TargetLabel(t));
+          }
+          return true;
+        },
+        [&](uint64_t) {
+          for (const std::string& target : takenOffline) {
+            LogWarning(
+                "%s: Target %s has no initiator left after removing initiator group %s; taking "
+                "it offline",
+                kTag, target.c_str(), name.c_str());
+          }
+        });
   } catch (const OrsaCtlException& e) {
     throw OrsaCtlException("Failed to remove initiator group " + name + " with error " +
                            e.GetMessage());
@@ -117,10 +137,8 @@ void AddInitiatorsToInitiatorgroup(const std::string& name,
                                    const std::vector<std::string>& initiators) {
   LogInfo("%s: Adding %zd initiators to initiator group %s.", kTag, initiators.size(),
           name.c_str());
-  uint64_t generation = kNothingWritten;
   size_t added = 0;
-  {
-    ConfHandle handle(ConfHandle::kExclusive);
+  Util::ChangeConfFile([&](ConfHandle& handle) {
     struct conf* c = handle.GetConf();
     struct initiator_group* ig = RequireGroup(c, name);
     // Names already in the group (or twice in the request) are not added again.
@@ -135,9 +153,8 @@ void AddInitiatorsToInitiatorgroup(const std::string& name,
     for (const std::string& initiator : initiators) Util::ValidateInitiatorIQN(initiator);
     for (const std::string& initiator : fresh) initiator_new(ig, initiator.c_str());
     added = fresh.size();
-    if (added > 0) generation = handle.WriteConfFile();
-  }
-  Util::ApplyConfigChange(generation);
+    return added > 0;
+  });
   LogInfo("%s: Added %zd initiators to initiator group %s", kTag, added, name.c_str());
 }
 
@@ -145,10 +162,8 @@ void RemoveInitiatorsFromInitiatorgroup(const std::string& name,
                                         const std::vector<std::string>& initiators) {
   LogInfo("%s: Removing %zd initiators from initiator group %s.", kTag, initiators.size(),
           name.c_str());
-  uint64_t generation = kNothingWritten;
   size_t removed = 0;
-  {
-    ConfHandle handle(ConfHandle::kExclusive);
+  Util::ChangeConfFile([&](ConfHandle& handle) {
     struct initiator_group* ig = RequireGroup(handle.GetConf(), name);
     for (const std::string& initiator : initiators) {
       struct initiator* in = FindInitiator(ig, initiator);
@@ -160,9 +175,8 @@ void RemoveInitiatorsFromInitiatorgroup(const std::string& name,
       initiator_delete(in);
       ++removed;
     }
-    if (removed > 0) generation = handle.WriteConfFile();
-  }
-  Util::ApplyConfigChange(generation);
+    return removed > 0;
+  });
   LogInfo("%s: Removed %zd initiators successfully from group %s.", kTag, removed, name.c_str());
 }
 

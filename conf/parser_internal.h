@@ -7,6 +7,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -21,6 +22,9 @@ struct target;
 namespace NukCtl {
 namespace Orsa {
 namespace IscsiTarget {
+
+class ConfHandle;
+
 namespace Parser {
 namespace internal {
 
@@ -83,6 +87,14 @@ void CleanupPortalGroup(struct portal_group* pg);
 // initiator limit for the IQNs it adds before adding them.
 void ApplyTargetInitiators(struct conf* c, struct target* t, const std::string& alias,
                            const std::vector<std::string>& initiators, bool removeMissing);
+
+// A step an edit takes on the datastore before the file is written (a LUN's disk moved to another
+// target's namespace), tied to the edit's handle so that the datastore and the file never
+// disagree: `undo` runs when the handle is destroyed without a write that swapped the file in
+// after the step was added (reverse order of adding); `commit` runs right after such a write, still
+// under the lock (clean-up that must wait for the file, such as removing the files the step made
+// obsolete). Both must not throw; they log their own failures. Implemented with ConfHandle.
+void AddDatastoreStep(ConfHandle& handle, std::function<void()> undo, std::function<void()> commit);
 
 // Sectors asked for by a LUN record: sizeSectors, else sizeText converted, else 0 (no change).
 uint64_t RequestedSectors(const HostCtl::Orsa::IscsiTarget::LunInfo& info);

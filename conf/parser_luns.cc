@@ -76,10 +76,8 @@ VirtDiskError DiskCapacity(const std::string& path, uint64_t* sectors) {
 
 void AddNewLunToConfFile(LunInfo lun, bool& changed) {
   try {
-    uint64_t generation = kNothingWritten;
     int id = lun.id;
-    {
-      ConfHandle handle(ConfHandle::kExclusive);
+    Util::ChangeConfFile([&](ConfHandle& handle) {
       struct conf* c = handle.GetConf();
       struct target* t = RequireTargetByAlias(c, lun.targetAlias);
       LogInfo("%s: Target found %s for alias %s.", kTag, t->t_name, lun.targetAlias.c_str());
@@ -116,9 +114,8 @@ void AddNewLunToConfFile(LunInfo lun, bool& changed) {
         throw OrsaCtlException("Limit on total number of LUNs (" + std::to_string(kMaxLuns) +
                                ") has been reached.");
       }
-      generation = handle.WriteConfFile();
-    }
-    Util::ApplyConfigChange(generation);
+      return true;
+    });
     // kept as is: the flag reads false after a successful write.
     changed = false;
     LogInfo("%s: Added LUN %d for target %s successfully.", kTag, id, lun.targetAlias.c_str());
@@ -131,23 +128,23 @@ void AddNewLunToConfFile(LunInfo lun, bool& changed) {
 void RemoveLunFromConfFile(int lunId, const std::string& targetAlias) {
   LogInfo("%s: Removing LUN %d for target %s from config file", kTag, lunId, targetAlias.c_str());
   try {
-    uint64_t generation = kNothingWritten;
-    {
-      ConfHandle handle(ConfHandle::kExclusive);
-      struct conf* c = handle.GetConf();
-      struct target* t = RequireTargetByAlias(c, targetAlias);
-      struct lun* l = RequireLun(t, lunId, targetAlias);
-      // An entry without a path (not one of ours) has no files to clean up, but still goes.
-      const std::string path = l->l_path != nullptr ? LunAbsPath(l) : std::string();
-      lun_delete(l);
-      generation = handle.WriteConfFile();
-      // Only once the entry is gone for good: a failed edit leaves the datastore as it was.
-      if (!path.empty()) {
-        RemoveLunSidecarFiles(path);
-        LogInfo("%s: removed lun path %s", kTag, path.c_str());
-      }
-    }
-    Util::ApplyConfigChange(generation);
+    std::string path;
+    Util::ChangeConfFile(
+        [&](ConfHandle& handle) {
+          struct conf* c = handle.GetConf();
+          struct target* t = RequireTargetByAlias(c, targetAlias);
+          struct lun* l = RequireLun(t, lunId, targetAlias);
+          // An entry without a path (not one of ours) has no files to clean up, but still goes.
+          path = l->l_path != nullptr ? LunAbsPath(l) : std::string();
+          lun_delete(l);
+          return true;
+        },
+        [&](uint64_t) {
+          // Only once the entry is gone for good: a failed edit leaves the datastore as it was.
+          if (path.empty()) return;
+          RemoveLunSidecarFiles(path);
+          LogInfo("%s: removed lun path %s", kTag, path.c_str());
+        });
   } catch (const OrsaCtlException& e) {
     LogError("%s: Failed to remove LUN from conf file with error %s", kTag, e.GetMessage().c_str());
     throw;
@@ -186,32 +183,49 @@ void UpdateLunStatus(const LunInfo& info, struct lun* l) {
   SetLunOption(l, "status", info.status);
 }
 
+namespace {
+
+struct DiskMove {
+  std::string from;
+  std::string to;
+};
+
+// Moves the offline LUN to the lowest free slot of `to` and its disk into `to`'s namespace. The
+// reservation and lock files of the disk's old path are left for the caller.
+DiskMove MoveLunAndDisk(struct lun* l, struct target* from, struct target* to) {
+  if (!lun_is_offline(l)) {
+    throw OrsaCtlException(
+        "Moving an online LUN to new target is not allowed. Bring the LUN offline first.");
+  }
+  const std::string toUuid = TargetOptionValue(to, "uuid");
+  if (toUuid.empty()) throw OrsaCtlException("Target " + Text(to->t_alias) + " has no uuid");
+  const int newId = Util::GenerateLunIdForTarget(to);
+  to->t_luns[newId] = l;
+  lun_set_keld_lun(l, newId);
+  for (struct lun*& slot : from->t_luns) {
+    if (slot == l) {
+      slot = nullptr;
+      break;
+    }
+  }
+
+  DiskMove move;
+  move.from = LunAbsPath(l);
+  lun_modify_target_path(l, (toUuid + "/" + BaseName(Text(l->l_path))).c_str());
+  move.to = LunAbsPath(l);
+  if (VirtDisk_Rename(move.from.c_str(), move.to.c_str()) != VIRTDISK_OK) {
+    throw OrsaCtlException("Failed to move src PEMO: " + move.from);
+  }
+  return move;
+}
+
+}  // namespace
+
 void MoveLunToNewTarget(struct lun* l, struct target* from, struct target* to) {
   try {
-    if (!lun_is_offline(l)) {
-      throw OrsaCtlException(
-          "Moving an online LUN to new target is not allowed. Bring the LUN offline first.");
-    }
-    const std::string toUuid = TargetOptionValue(to, "uuid");
-    if (toUuid.empty()) throw OrsaCtlException("Target " + Text(to->t_alias) + " has no uuid");
-    const int newId = Util::GenerateLunIdForTarget(to);
-    to->t_luns[newId] = l;
-    lun_set_keld_lun(l, newId);
-    for (struct lun*& slot : from->t_luns) {
-      if (slot == l) {
-        slot = nullptr;
-        break;
-      }
-    }
-
-    const std::string oldPath = LunAbsPath(l);
-    lun_modify_target_path(l, (toUuid + "/" + BaseName(Text(l->l_path))).c_str());
-    const std::string newPath = LunAbsPath(l);
-    if (VirtDisk_Rename(oldPath.c_str(), newPath.c_str()) != VIRTDISK_OK) {
-      throw OrsaCtlException("Failed to move src PEMO: " + oldPath);
-    }
-    RemoveLunSidecarFiles(oldPath);
-    LogInfo("%s: Successfully moved %s to new path %s", kTag, oldPath.c_str(), newPath.c_str());
+    const DiskMove move = MoveLunAndDisk(l, from, to);
+    RemoveLunSidecarFiles(move.from);
+    LogInfo("%s: Successfully moved %s to new path %s", kTag, move.from.c_str(), move.to.c_str());
   } catch (const OrsaCtlException& e) {
     throw OrsaCtlException("Failed to move LUN to new target: " + e.GetMessage());
   }
@@ -262,8 +276,6 @@ void UpdateLun(LunInfo& lun, int newId, const std::string& newTarget, ConfHandle
     throw OrsaCtlException("LUN with id " + std::to_string(newId) + " already exists.");
   }
 
-  std::string movedFrom;
-  std::string movedTo;
   if (to == from) {
     if (changeId) {
       LogInfo("%s: For target '%s' updating id form %d to %d", kServiceTag, lun.targetAlias.c_str(),
@@ -273,35 +285,42 @@ void UpdateLun(LunInfo& lun, int newId, const std::string& newTarget, ConfHandle
   } else {
     LogInfo("%s: Move LUN %d from target '%s' to new Target '%s'", kServiceTag, lun.id,
             lun.targetAlias.c_str(), newTarget.c_str());
-    movedFrom = LunAbsPath(l);
-    MoveLunToNewTarget(l, from, to);
-    movedTo = LunAbsPath(l);
+    DiskMove move;
+    try {
+      move = MoveLunAndDisk(l, from, to);
+    } catch (const OrsaCtlException& e) {
+      throw OrsaCtlException("Failed to move LUN to new target: " + e.GetMessage());
+    }
+    // Until the file names the new path, the disk belongs where the file says: if anything
+    // below or the write fails, the handle puts it back; the old reservation and lock files stay
+    // until the write makes them obsolete.
+    AddDatastoreStep(
+        handle,
+        [move] {
+          if (VirtDisk_Rename(move.to.c_str(), move.from.c_str()) != VIRTDISK_OK) {
+            LogError("%s: Failed to move %s back to %s", kTag, move.to.c_str(), move.from.c_str());
+          } else {
+            LogInfo("%s: Moved %s back to %s", kTag, move.to.c_str(), move.from.c_str());
+          }
+        },
+        [move] { RemoveLunSidecarFiles(move.from); });
+    LogInfo("%s: Successfully moved %s to new path %s", kTag, move.from.c_str(), move.to.c_str());
   }
 
-  try {
-    if (to != from && changeId && newId != l->l_keld_lun) {
-      LogInfo("%s: For target '%s' updating id form %d to %d", kServiceTag, toAlias.c_str(),
-              l->l_keld_lun, newId);
-      UpdateLunId(newId, l, to);
-    }
-    UpdateLunAlias(lun, l);
-    UpdateLunStatus(lun, l);
-    GrowLunSize(lun, l);
-  } catch (const OrsaCtlException&) {
-    // The edit is dropped with the handle, so the disk goes back where the file says it is.
-    if (!movedTo.empty() && VirtDisk_Rename(movedTo.c_str(), movedFrom.c_str()) != VIRTDISK_OK) {
-      LogError("%s: Failed to move %s back to %s", kTag, movedTo.c_str(), movedFrom.c_str());
-    }
-    throw;
+  if (to != from && changeId && newId != l->l_keld_lun) {
+    LogInfo("%s: For target '%s' updating id form %d to %d", kServiceTag, toAlias.c_str(),
+            l->l_keld_lun, newId);
+    UpdateLunId(newId, l, to);
   }
+  UpdateLunAlias(lun, l);
+  UpdateLunStatus(lun, l);
+  GrowLunSize(lun, l);
   lun.id = l->l_keld_lun;
   lun.targetAlias = toAlias;
 }
 
 void RollbackConfigLunSize(const LunInfo& info, const int& lunId, const unsigned long& oldSize) {
-  uint64_t generation = kNothingWritten;
-  {
-    ConfHandle handle(ConfHandle::kExclusive);
+  Util::ChangeConfFile([&](ConfHandle& handle) {
     struct conf* c = handle.GetConf();
     struct target* t = RequireTargetByAlias(c, info.targetAlias);
     struct lun* l = FindLun(t, lunId);
@@ -311,14 +330,13 @@ void RollbackConfigLunSize(const LunInfo& info, const int& lunId, const unsigned
       size = GetKelLunActualSize(l);
       if (size == 0) throw OrsaCtlException("Cannot retrieve LUN actual size");
     }
-    if (static_cast<uint64_t>(l->l_size) == size) return;
+    if (static_cast<uint64_t>(l->l_size) == size) return false;
     LogInfo("%s: Rolling back size of LUN %d of target %s from %lu to %lu", kTag, lunId,
             info.targetAlias.c_str(), static_cast<unsigned long>(l->l_size),
             static_cast<unsigned long>(size));
     lun_set_size(l, static_cast<int64_t>(size));
-    generation = handle.WriteConfFile();
-  }
-  Util::ApplyConfigChange(generation);
+    return true;
+  });
 }
 
 bool CheckResizeDone(const LunInfo& info, const int& lunId) {

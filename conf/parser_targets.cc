@@ -85,62 +85,65 @@ void UpdateTargetStatus(const TargetCreateParam& param, struct target* t) {
 void AddNewTargetToConfFile(TargetCreateParam& param, bool& changed) {
   changed = false;
   LogInfo("%s: Adding new target to conf file.", kTag);
-  uint64_t generation = kNothingWritten;
   try {
     // The name, the alias and the CHAP texts are written too.
     Util::VerifyTargetParams(param);
     VerifyWrittenValues(param);
-    ConfHandle handle(ConfHandle::kExclusive);
-    struct conf* c = handle.GetConf();
-    if (CountTargets(c) >= kMaxTargets) {
-      throw OrsaCtlException("Limit on total number of targets (" + std::to_string(kMaxTargets) +
-                             ") has been reached.");
-    }
-    if (FindTargetByAlias(c, param.alias) != nullptr) {
-      throw OrsaCtlException("Target " + param.alias + " already exists");
-    }
-    if (param.uuid.empty()) {
-      throw OrsaCtlException("Target " + param.alias + " has no uuid to name its auth group");
-    }
-    if (target_find(c, param.iqn.c_str()) != nullptr) {
-      throw OrsaCtlException("Target with IQN " + param.iqn + " already exists");
-    }
-    struct target* t = target_new(c, param.iqn.c_str());
-    if (t == nullptr) throw OrsaCtlException("Failed to add target " + param.iqn);
-    if (!param.alias.empty()) t->t_alias = checked_strdup(param.alias.c_str());
-    SetTargetOption(t, "uuid", param.uuid);
-    // The target's own namespace object decides which host serves it.
-    SetTargetOption(t, "owner-id", param.uuid);
-    if (param.affinitySite != "None") ApplyAffinity(t, param.alias, param.affinitySite);
-    if (param.status == "offline") UpdateTargetStatus(param, t);
+    Util::ChangeConfFile(
+        [&](ConfHandle& handle) {
+          struct conf* c = handle.GetConf();
+          if (CountTargets(c) >= kMaxTargets) {
+            throw OrsaCtlException("Limit on total number of targets (" +
+                                   std::to_string(kMaxTargets) + ") has been reached.");
+          }
+          if (FindTargetByAlias(c, param.alias) != nullptr) {
+            throw OrsaCtlException("Target " + param.alias + " already exists");
+          }
+          if (param.uuid.empty()) {
+            throw OrsaCtlException("Target " + param.alias + " has no uuid to name its auth group");
+          }
+          if (target_find(c, param.iqn.c_str()) != nullptr) {
+            throw OrsaCtlException("Target with IQN " + param.iqn + " already exists");
+          }
+          struct target* t = target_new(c, param.iqn.c_str());
+          if (t == nullptr) throw OrsaCtlException("Failed to add target " + param.iqn);
+          if (!param.alias.empty()) t->t_alias = checked_strdup(param.alias.c_str());
+          SetTargetOption(t, "uuid", param.uuid);
+          // The target's own namespace object decides which host serves it.
+          SetTargetOption(t, "owner-id", param.uuid);
+          if (param.affinitySite != "None") ApplyAffinity(t, param.alias, param.affinitySite);
+          if (param.status == "offline") UpdateTargetStatus(param, t);
 
-    if (param.networkInterface.empty()) {
-      struct portal_group* pg = portal_group_find(c, "default");
-      if (pg == nullptr || port_new(c, t, pg) == nullptr) {
-        throw OrsaCtlException("Failed to link portal-group default to target " + param.alias);
-      }
-    } else {
-      UpdateTargetPortal(c, t, param.alias, param.networkInterface, param.port);
-    }
+          if (param.networkInterface.empty()) {
+            struct portal_group* pg = portal_group_find(c, "default");
+            if (pg == nullptr || port_new(c, t, pg) == nullptr) {
+              throw OrsaCtlException("Failed to link portal-group default to target " +
+                                     param.alias);
+            }
+          } else {
+            UpdateTargetPortal(c, t, param.alias, param.networkInterface, param.port);
+          }
 
-    if (param.authType.empty()) {
-      // The shared group; ApplyTargetInitiators moves the target to a copy of it when it has
-      // initiators of its own.
-      t->t_auth_group = auth_group_find(c, "default");
-    } else {
-      UpdateTargetAuth(c, t, param.alias, param.authType, param.chapName, param.chapSecret,
-                       param.mutualChapName, param.mutualChapSecret);
-    }
-    ApplyTargetInitiators(c, t, param.alias, param.initiators, false);
-
-    generation = handle.WriteConfFile();
-    changed = true;
+          if (param.authType.empty()) {
+            // The shared group; ApplyTargetInitiators moves the target to a copy of it when it
+            // has initiators of its own.
+            t->t_auth_group = auth_group_find(c, "default");
+          } else {
+            UpdateTargetAuth(c, t, param.alias, param.authType, param.chapName, param.chapSecret,
+                             param.mutualChapName, param.mutualChapSecret);
+          }
+          ApplyTargetInitiators(c, t, param.alias, param.initiators, false);
+          return true;
+        },
+        [&](uint64_t) { changed = true; });
   } catch (const OrsaCtlException& e) {
-    LogError("%s: Failed to add target %s to conf file with error %s", kTag, param.alias.c_str(),
-             e.GetMessage().c_str());
+    // Once written, the target exists; only the change action failed, and the caller hears it.
+    if (!changed) {
+      LogError("%s: Failed to add target %s to conf file with error %s", kTag, param.alias.c_str(),
+               e.GetMessage().c_str());
+    }
     throw;
   }
-  Util::ApplyConfigChange(generation);
   LogInfo("%s: Added target %s successfully.", kTag, param.alias.c_str());
 }
 
@@ -168,10 +171,8 @@ void UpdateTargetConf(const TargetCreateParam& param, ConfHandle& handle) {
 
 void RemoveTargetFromConfFile(std::string alias) {
   LogInfo("%s: Removing target alias %s from config file", kTag, alias.c_str());
-  uint64_t generation = kNothingWritten;
   try {
-    {
-      ConfHandle handle(ConfHandle::kExclusive);
+    Util::ChangeConfFile([&](ConfHandle& handle) {
       struct conf* c = handle.GetConf();
       struct target* t = RequireTargetByAlias(c, alias);
       const std::string uuid = TargetOptionValue(t, "uuid");
@@ -186,9 +187,8 @@ void RemoveTargetFromConfFile(std::string alias) {
       struct auth_group* own = uuid.empty() ? nullptr : auth_group_find(c, uuid.c_str());
       if (own != nullptr && TargetsUsingAuthGroup(c, own) == 0) auth_group_delete(own);
       CleanupPortalGroup(pg);
-      generation = handle.WriteConfFile();
-    }
-    Util::ApplyConfigChange(generation);
+      return true;
+    });
   } catch (const OrsaCtlException& e) {
     LogError("%s: Failed to remove target %s from conf file with error %s", kTag, alias.c_str(),
              e.GetMessage().c_str());

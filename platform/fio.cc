@@ -214,6 +214,33 @@ NUK_ReturnStatus Fio_RemoveTemp(FioHandle* temp) {
   return status;
 }
 
+std::string Fio_IntentPath(const std::string& path) {
+  return DirOf(path) + "/." + BaseOf(path) + ".intent";
+}
+
+NUK_ReturnStatus Fio_LockIntent(const char* path, int lock, FioHandle* out) {
+  if (out == nullptr) return NUK_BAD_PARAM;
+  Invalidate(out);
+  if (path == nullptr || *path == '\0' || (lock != FIO_LOCK_SHARED && lock != FIO_LOCK_EXCLUSIVE)) {
+    return NUK_BAD_PARAM;
+  }
+  const std::string intent = Fio_IntentPath(path);
+  // Write access for the exclusive lock; O_NOFOLLOW: a lock must never land on another file.
+  int fd = open(intent.c_str(),
+                (lock == FIO_LOCK_EXCLUSIVE ? O_RDWR : O_RDONLY) | O_CREAT | O_CLOEXEC | O_NOFOLLOW,
+                0600);
+  if (fd < 0) return Fail(errno, Op::kOther);
+  if (!TryLock(fd, lock)) {
+    int err = errno;
+    close(fd);
+    return Fail(err, Op::kLock);
+  }
+  out->fd = fd;
+  out->lock = lock;
+  out->path = intent;
+  return NUK_OK;
+}
+
 const char* Fio_LastErrorText(void) { return strerror(tLastErrno); }
 
 int Fio_LastErrno(void) { return tLastErrno; }

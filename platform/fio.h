@@ -51,6 +51,16 @@ NUK_ReturnStatus Fio_Sync(const FioHandle* file);
 NUK_ReturnStatus Fio_AtomicUpdate(FioHandle* file, FioHandle* temp);
 // Removes what is left at the temporary name (after a failed swap) and closes it.
 NUK_ReturnStatus Fio_RemoveTemp(FioHandle* temp);
+// Locks (FIO_LOCK_SHARED or FIO_LOCK_EXCLUSIVE, without waiting) the intent file of `path`: the
+// sibling ".<name>.intent", created with mode 0600 when missing and never replaced, so that a lock
+// on it means the same file to everyone. OFD locks do not favour a waiting writer, so back-to-back
+// readers of `path` could keep one out for good; with the intent file a writer announces itself:
+// it holds the intent exclusively while it waits for its lock on `path`, and a reader takes the
+// intent shared only for the moment of taking its own lock, so new readers queue behind a waiting
+// writer. NUK_BUSY when held in a conflicting mode, NUK_NOT_FOUND when the directory is missing.
+NUK_ReturnStatus Fio_LockIntent(const char* path, int lock, FioHandle* out);
+// The intent file of `path` (whoever removes the folder removes it with `path`).
+std::string Fio_IntentPath(const std::string& path);
 // Text of the system error behind the last failing Fio call of this thread.
 const char* Fio_LastErrorText(void);
 // errno value behind the last failing Fio call of this thread (0 if none).

@@ -187,15 +187,13 @@ void OrsaIscsiTargetImpl::UpdateLunLocked(LunInfo& lun, int newId, const std::st
   for (int attempt = 1;; ++attempt) {
     if (!edited) {
       bool retry = false;
-      {
-        ConfHandle handle(ConfHandle::kExclusive);
+      // A failure before the write leaves the datastore as it was: the handle moves a LUN's disk
+      // back to the target that kel.conf still names.
+      Util::ChangeConfFile([&](ConfHandle& handle) {
         Parser::UpdateLun(lun, newId, newTarget, handle, retry);
-        if (!retry) ServiceInternal::WriteAndPublish(handle);
-      }
-      if (!retry) {
-        edited = true;
-        ServiceInternal::ReloadAfterWrite();
-      }
+        return !retry;
+      });
+      edited = !retry;
     }
     // Parser::UpdateLun leaves the LUN's new number and target in the record.
     if (edited && (!resize || !Parser::CheckResizeDone(lun, lun.id))) return;

@@ -10,6 +10,7 @@
 #include "platform/clog.h"
 #include "platform/disk_lun_api.h"
 #include "platform/exception.h"
+#include "platform/fio.h"
 #include "platform/fs.h"
 #include "platform/log.h"
 #include "storage/paths.h"
@@ -193,6 +194,8 @@ void DeleteConfigDirs() {
   } else if (err != 0) {
     throw OrsaCtlException("Failed to remove config file " + file + " (" + ErrnoText(err) + ")");
   }
+  // The intent file of kel.conf's lock goes with it; a failure shows in the removal below.
+  kel::platform::GetFs().Unlink(Fio_IntentPath(file));
   RemoveConfigDir(GetConfigDirPath());
   RemoveConfigDir(GetTargetsDirPath());
 }

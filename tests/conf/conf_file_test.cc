@@ -2,10 +2,15 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "platform/clog.h"
@@ -150,6 +155,93 @@ TEST_F(ConfFile, SharedHoldersDoNotWaitForEachOther) {
   conf_close_file(&file);
   EXPECT_EQ(conf_file_open_exclusive_lock(path_.c_str(), &file, 400), NUK_BUSY);
   EXPECT_EQ(clock.Sleeps(), Repeat(2, 200));
+}
+
+TEST_F(ConfFile, AWaitingWriterKeepsNewReadersOutUntilItHasTheFile) {
+  WriteFile(path_, "generation 1\n");
+  LockHolder reader(path_, /*exclusive=*/false);
+  ASSERT_TRUE(reader.locked());
+  // While the writer waits for the reader that is inside, a reader that comes later does not get
+  // in (without the intent file it would, and back-to-back readers would keep the writer out);
+  // the writer gets the file as soon as the first reader leaves.
+  std::vector<NUK_ReturnStatus> latecomers;
+  ScriptedClock clock([&](int n) {
+    FioHandle late;
+    latecomers.push_back(conf_file_open_share_lock(path_.c_str(), &late, 0));
+    conf_close_file(&late);
+    if (n == 3) reader.Release();
+  });
+  LogCapture capture;
+  FioHandle writer;
+  ASSERT_EQ(conf_file_open_exclusive_lock(path_.c_str(), &writer, 300000), NUK_OK);
+  EXPECT_EQ(clock.Sleeps(), Repeat(3, 200));
+  EXPECT_EQ(latecomers, std::vector<NUK_ReturnStatus>(3, NUK_BUSY));
+  EXPECT_TRUE(capture.Contains("KELD: open succeeded for " + path_ +
+                               " after 3 lock retries and 0 not found retries"))
+      << capture.Joined();
+
+  // Holding the file, the writer no longer holds the intent: readers wait for the file itself,
+  // and get it once the writer is done. The intent file is private like kel.conf.
+  const std::string intent = dir_.Join(".kel.conf.intent");
+  struct stat st;
+  ASSERT_EQ(stat(intent.c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 07777, 0600u);
+  LockHolder intentProbe(intent, /*exclusive=*/true);
+  EXPECT_TRUE(intentProbe.locked());
+  intentProbe.Release();
+  ScriptedClock after;
+  FioHandle reader2;
+  EXPECT_EQ(conf_file_open_share_lock(path_.c_str(), &reader2, 400), NUK_BUSY);
+  EXPECT_EQ(after.Sleeps(), Repeat(2, 200));
+  conf_close_file(&writer);
+  ASSERT_EQ(conf_file_open_share_lock(path_.c_str(), &reader2, 0), NUK_OK);
+  conf_close_file(&reader2);
+}
+
+// Several processes reading back to back, each holding the file a while, so that at every moment
+// one of them holds it. A writer still gets in within a few polling rounds of its budget.
+TEST_F(ConfFile, OverlappingReaderProcessesDoNotStarveAWriter) {
+  WriteFile(path_, "generation 1\n");
+  log_init(0);  // the readers' lines are of no interest here
+  int ready[2];
+  ASSERT_EQ(pipe(ready), 0);
+  std::vector<pid_t> readers;
+  for (int i = 0; i < 4; ++i) {
+    pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+      close(ready[0]);
+      usleep(static_cast<useconds_t>(i) * 10000);  // staggered, so their holds overlap
+      for (bool first = true;; first = false) {
+        FioHandle file;
+        if (conf_file_open_share_lock(path_.c_str(), &file, 300000) != NUK_OK) _exit(3);
+        if (first && write(ready[1], "r", 1) != 1) _exit(2);
+        usleep(40000);
+        conf_close_file(&file);
+      }
+    }
+    readers.push_back(pid);
+  }
+  close(ready[1]);
+  for (size_t i = 0; i < readers.size(); ++i) {
+    char c;
+    ASSERT_EQ(read(ready[0], &c, 1), 1);
+  }
+  close(ready[0]);
+
+  // Real waits, counted: 15 rounds of 200 ms are the writer's whole budget here.
+  ScriptedClock clock([](int) { std::this_thread::sleep_for(std::chrono::milliseconds(200)); });
+  FioHandle writer;
+  const NUK_ReturnStatus status = conf_file_open_exclusive_lock(path_.c_str(), &writer, 3000);
+  const size_t rounds = clock.Sleeps().size();
+  conf_close_file(&writer);
+  for (pid_t pid : readers) {
+    kill(pid, SIGKILL);
+    int ignored;
+    waitpid(pid, &ignored, 0);
+  }
+  EXPECT_EQ(status, NUK_OK);
+  EXPECT_LE(rounds, 3u);
 }
 
 }  // namespace

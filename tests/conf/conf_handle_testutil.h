@@ -39,14 +39,15 @@ class ConfEnv {
   std::string conf_dir() const { return conf_path_.substr(0, conf_path_.find_last_of('/')); }
   std::string state_dir() const { return dir_.Join("state"); }
 
-  // Names in the configuration directory other than kel.conf (leftover temporary files).
+  // Names in the configuration directory other than kel.conf and its permanent intent file
+  // (leftover temporary files).
   std::set<std::string> Leftovers() const {
     std::set<std::string> names;
     DIR* d = opendir(conf_dir().c_str());
     if (d == nullptr) return names;
     while (struct dirent* e = readdir(d)) {
       std::string n = e->d_name;
-      if (n != "." && n != ".." && n != "kel.conf") names.insert(n);
+      if (n != "." && n != ".." && n != "kel.conf" && n != ".kel.conf.intent") names.insert(n);
     }
     closedir(d);
     return names;

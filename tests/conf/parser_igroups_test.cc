@@ -13,9 +13,11 @@ namespace {
 using HostCtl::Orsa::IscsiTarget::InitiatorgroupInfo;
 using HostCtl::Orsa::IscsiTarget::TargetCreateParam;
 using kel::log::LogCapture;
+using kel::testing::AuthGroupOf;
 using kel::testing::ErrorOf;
 using kel::testing::ModelTarget;
 using kel::testing::ParserEnv;
+using kel::testing::TargetOpt;
 using kel::testing::TargetParam;
 namespace Parser = NukCtl::Orsa::IscsiTarget::Parser;
 
@@ -121,11 +123,24 @@ TEST(ParserInitiatorGroups, RemovingAGroupTargetsStillAdmit) {
     p.initiators = {"shared", "iqn.1998-01.org.example:h" + std::to_string(n)};
     Parser::AddNewTargetToConfFile(p, changed);
   }
+  // t3 admits only the group, t4 another group as well, t5 nobody in particular (the default).
+  Parser::AddNewInitiatorgroupToConfFile("other");
+  TargetCreateParam onlyShared = TargetParam(3);
+  onlyShared.initiators = {"shared"};
+  onlyShared.authType = "CHAP";
+  onlyShared.chapName = "user3";
+  onlyShared.chapSecret = "secret-0123456";
+  Parser::AddNewTargetToConfFile(onlyShared, changed);
+  TargetCreateParam twoGroups = TargetParam(4);
+  twoGroups.initiators = {"shared", "other"};
+  Parser::AddNewTargetToConfFile(twoGroups, changed);
+  TargetCreateParam open = TargetParam(5);
+  Parser::AddNewTargetToConfFile(open, changed);
 
   const std::string snapshot = env.Snapshot();
   EXPECT_EQ(ErrorOf([] { Parser::RemoveInitiatorgroupFromConfFile("shared", false); }),
             "Failed to remove initiator group shared with error Initiator group shared is used by "
-            "target(s) t1, t2; remove it from them first or use force");
+            "target(s) t1, t2, t3, t4; remove it from them first or use force");
   EXPECT_EQ(ErrorOf([] { Parser::RemoveInitiatorgroupFromConfFile("nosuch", true); }),
             "Failed to remove initiator group nosuch with error Initiator group nosuch not found");
   EXPECT_EQ(env.Snapshot(), snapshot);
@@ -144,6 +159,25 @@ TEST(ParserInitiatorGroups, RemovingAGroupTargetsStillAdmit) {
     EXPECT_TRUE(TAILQ_EMPTY(&t->t_auth_group->ag_igroup_refs)) << alias;
     EXPECT_FALSE(TAILQ_EMPTY(&t->t_auth_group->ag_names)) << alias;
   }
+  // Force never opens a target to every initiator: t3 had nobody else and went offline in the
+  // same write (its CHAP credentials alone do not make it safe); the others keep their state.
+  EXPECT_EQ(TargetOpt(ModelTarget(c.get(), "t3"), "status"), "offline");
+  EXPECT_TRUE(
+      capture.Contains("Parser: Target t3 has no initiator left after removing initiator "
+                       "group shared; taking it offline"))
+      << capture.Joined();
+  for (const char* alias : {"t1", "t2", "t4", "t5"}) {
+    EXPECT_EQ(TargetOpt(ModelTarget(c.get(), alias), "status"), "<none>") << alias;
+    EXPECT_FALSE(capture.Contains("Parser: Target " + std::string(alias) + " has no initiator"))
+        << alias;
+  }
+  EXPECT_EQ(AuthGroupOf(ModelTarget(c.get(), "t4")), TargetParam(4).uuid);
+  EXPECT_EQ(std::string(TAILQ_FIRST(&ModelTarget(c.get(), "t4")->t_auth_group->ag_igroup_refs)
+                            ->ref_igroup->ig_name),
+            "other");
+  // Its last group gone too, t4 follows.
+  Parser::RemoveInitiatorgroupFromConfFile("other", true);
+  EXPECT_EQ(TargetOpt(ModelTarget(env.Read().get(), "t4"), "status"), "offline");
 
   // Readers: all groups, one group with the targets that admit it, and an unknown name.
   Parser::AddNewInitiatorgroupToConfFile("again");

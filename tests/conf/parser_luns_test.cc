@@ -1,4 +1,6 @@
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/resource.h>
 
 #include <string>
 
@@ -254,6 +256,81 @@ TEST(ParserLuns, RenumberAndMoveNeedTheLunOffline) {
   EXPECT_NE(ModelTarget(c.get(), "t2")->t_luns[7], nullptr);
   EXPECT_EQ(ModelTarget(c.get(), "t2")->t_luns[2], nullptr);
   EXPECT_FALSE(PathExists(secondDisk));
+}
+
+// While alive, writes past `bytes` into any file fail with EFBIG, as on a full datastore (root
+// ignores permissions, so a read-only folder would not stop the write).
+class FileSizeLimit {
+ public:
+  explicit FileSizeLimit(rlim_t bytes) {
+    getrlimit(RLIMIT_FSIZE, &saved_);
+    previous_ = signal(SIGXFSZ, SIG_IGN);
+    struct rlimit limit = saved_;
+    limit.rlim_cur = bytes;
+    setrlimit(RLIMIT_FSIZE, &limit);
+  }
+  ~FileSizeLimit() {
+    setrlimit(RLIMIT_FSIZE, &saved_);
+    signal(SIGXFSZ, previous_);
+  }
+  FileSizeLimit(const FileSizeLimit&) = delete;
+  FileSizeLimit& operator=(const FileSizeLimit&) = delete;
+
+ private:
+  struct rlimit saved_;
+  void (*previous_)(int);
+};
+
+// UpdateLun as the service runs it: one transaction that writes and publishes.
+LunInfo UpdateThroughTransaction(LunInfo lun, int newId, const std::string& newTarget) {
+  IT::Util::ChangeConfFile([&](IT::ConfHandle& handle) {
+    bool retry = true;
+    Parser::UpdateLun(lun, newId, newTarget, handle, retry);
+    return !retry;
+  });
+  return lun;
+}
+
+TEST(ParserLuns, AMoveWhoseWriteFailsLeavesTheDatastoreAsItWas) {
+  ParserEnv env;
+  const std::string uuid1 = MakeTarget(1);
+  const std::string uuid2 = MakeTarget(2);
+  MakeLun("t1", uuid1, 0, 2048);
+  LunInfo off = Ref("t1", 0);
+  off.status = "offline";
+  EditLun(off);
+  const std::string disk = AbsPath(env.Read().get(), "t1", 0);
+  const std::string diskName = disk.substr(disk.find_last_of('/') + 1);
+  const std::string movedDisk = env.datastore() + "/" + uuid2 + "/" + diskName;
+  WriteFile(IT::Util::GetLunPRFilePath(disk), "reservation");
+  WriteFile(IT::Util::GetPemoLockFilePath(disk), "");
+
+  // The disk is moved before kel.conf is written; the write fails, and the disk goes back to the
+  // target the file still names, its reservation and lock files untouched.
+  const std::string snapshot = env.Snapshot();
+  LogCapture capture;
+  {
+    FileSizeLimit full(64);
+    EXPECT_EQ(ErrorOf([] { UpdateThroughTransaction(Ref("t1", 0), -1, "t2"); }),
+              "Failed to write temp config file: File too large");
+  }
+  EXPECT_EQ(env.Snapshot(), snapshot);
+  EXPECT_TRUE(PathExists(disk));
+  EXPECT_FALSE(PathExists(movedDisk));
+  EXPECT_EQ(kel::testing::ReadFile(IT::Util::GetLunPRFilePath(disk)), "reservation");
+  EXPECT_TRUE(PathExists(IT::Util::GetPemoLockFilePath(disk)));
+  EXPECT_TRUE(capture.Contains("Parser: Moved " + movedDisk + " back to " + disk))
+      << capture.Joined();
+
+  // Written, the move sticks and the old reservation and lock files go.
+  const LunInfo moved = UpdateThroughTransaction(Ref("t1", 0), -1, "t2");
+  EXPECT_EQ(moved.targetAlias, "t2");
+  EXPECT_FALSE(PathExists(disk));
+  EXPECT_TRUE(PathExists(movedDisk));
+  EXPECT_FALSE(PathExists(IT::Util::GetLunPRFilePath(disk)));
+  EXPECT_FALSE(PathExists(IT::Util::GetPemoLockFilePath(disk)));
+  EXPECT_EQ(std::string(ModelTarget(env.Read().get(), "t2")->t_luns[0]->l_path),
+            uuid2 + "/" + diskName);
 }
 
 TEST(ParserLuns, GrowResizeCheckAndRollback) {
