@@ -2,9 +2,17 @@
 // LUNs on sparse files), to apply a one-target change, and to confirm an unchanged state; and, in
 // the same run, how long tgt's own `tgt-admin --execute` takes for an equivalent targets.conf.
 //
-// Needs root, tgtd, tgtadm and tgt-admin. Uses a loopback address (default 127.0.0.160) and a
-// free port; every tgtd it starts is stopped with the stop sequence before it exits.
+// Then what following the cluster costs, with no tgtd involved: the same state written as kel.conf
+// on a datastore with the embedded directory (owner records for every target, the interface
+// published): reading kel.conf into the desired state, the periodic check when nothing changed
+// (what keld does every few seconds), and resolving every portal through the directory with and
+// without the resolver's cache.
+//
+// Needs root, tgtd, tgtadm and tgt-admin (except with --follow-only). Uses a loopback address
+// (default 127.0.0.160) and a free port; every tgtd it starts is stopped with the stop sequence
+// before it exits.
 //   keld_bench [--targets N] [--luns N] [--address A] [--rounds N] [--tgt-rounds N]
+//              [--follow-only 1]
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -21,11 +29,18 @@
 #include <string>
 #include <vector>
 
+#include "directory/host_queries.h"
+#include "directory/interface_publication.h"
+#include "host/keld_conf_source.h"
+#include "host/keld_directory_resolver.h"
 #include "host/keld_disk_lock.h"
 #include "host/keld_portal.h"
 #include "host/keld_reconciler.h"
 #include "host/tgt_exec.h"
 #include "host/tgtd_supervisor.h"
+#include "platform/clog.h"
+#include "platform/directory.h"
+#include "platform/host_config.h"
 #include "platform/log.h"
 
 namespace {
@@ -39,6 +54,7 @@ struct Options {
   std::string address = "127.0.0.160";
   int rounds = 5;     // keld's applies are quick: take a median
   int tgtRounds = 1;  // tgt-admin needs about a minute for the whole state
+  bool followOnly = false;
 };
 
 double Seconds(Clock::time_point since) {
@@ -150,6 +166,131 @@ void Row(const char* what, double seconds, const char* note = "") {
   printf("| %-44s | %10.3f s | %s\n", what, seconds, note);
 }
 
+// kel.conf text for the state (as the service writes it): one "pg-nuk0-<port>" portal group,
+// every target with its own auth group, uuid and owner-id, LUN paths relative to the datastore.
+std::string ConfText(const DesiredState& state, int port, std::vector<std::string>* uuids) {
+  std::string out = "generation 1\n";
+  out += "auth-group default {\n\t auth-type none\n}\n";
+  for (size_t t = 0; t < state.targets.size(); ++t) {
+    char uuid[48];
+    snprintf(uuid, sizeof(uuid), "bbbbbbbb-0000-4000-8000-%012u", static_cast<unsigned>(t + 1));
+    uuids->push_back(uuid);
+    const DesiredTarget& d = state.targets[t];
+    out += std::string("auth-group ") + uuid + " {\n";
+    if (d.auth == AuthRule::kChap) {
+      out += "\t chap \"" + d.chap[0].user + "\" \"c2VjcmV0c2VjcmV0MTI=\" \n";
+    } else {
+      out += "\t auth-type none\n";
+    }
+    for (const std::string& i : d.initiators) out += "\t initiator-name " + i + "\n";
+    out += "}\n";
+  }
+  out += "portal-group default {\n\t discovery-auth-group no-authentication\n\t listen nuk0:" +
+         std::to_string(port) + "\n}\n";
+  out += "portal-group pg-nuk0-" + std::to_string(port) +
+         " {\n\t discovery-auth-group no-authentication\n\t listen nuk0:" + std::to_string(port) +
+         "\n}\n";
+  for (size_t t = 0; t < state.targets.size(); ++t) {
+    const DesiredTarget& d = state.targets[t];
+    out += "target " + d.iqn + " {\n\tportal-group pg-nuk0-" + std::to_string(port) +
+           "\n\tauth-group " + (*uuids)[t] + "\n\toption uuid " + (*uuids)[t] +
+           "\n\toption owner-id " + (*uuids)[t] + "\n";
+    for (const DesiredLun& l : d.luns) {
+      out += "\tlun " + std::to_string(l.id) + " {\n\t\tbackend pemo\n\t\tpath " + (*uuids)[t] +
+             "/lun-" + std::to_string(l.id) + ".pemo\n\t\tsize 2097152\n\t}\n";
+    }
+    out += "}\n";
+  }
+  return out;
+}
+
+template <typename F>
+double MedianOf(int rounds, F f) {
+  std::vector<double> v;
+  for (int i = 0; i < rounds; ++i) {
+    auto t0 = Clock::now();
+    f();
+    v.push_back(Seconds(t0));
+  }
+  return Median(v);
+}
+
+int FollowBench(const Options& o, const std::string& dir, const DesiredState& state, int port) {
+  kel::platform::HostConfig config = kel::platform::EmbeddedHostConfig();
+  config.hostUuid = kel::platform::DirUuidToText(kel::platform::RandomDirUuid());
+  config.hostName = "bench";
+  config.stateDir = dir + "/follow-state";
+  config.datastorePath = dir + "/follow-datastore";
+  config.networkOverride = true;
+  config.interfaces["nuk0"] = {o.address, ""};
+  const std::string ns = "cccccccc-0000-4000-8000-000000000001";
+  std::filesystem::create_directories(config.datastorePath + "/" + ns + "/etc");
+  std::filesystem::create_directories(config.stateDir);
+  std::filesystem::create_directory_symlink(ns, config.datastorePath + "/.iSCSI-CONFIG");
+  kel::platform::SetCurrentHostConfig(config);
+  log_init(2);  // the parser's and directory's debug lines would be timed too
+
+  std::vector<std::string> uuids;
+  std::ofstream(config.datastorePath + "/.iSCSI-CONFIG/etc/kel.conf")
+      << ConfText(state, port, &uuids);
+  for (const std::string& u : uuids) NukCtl::Orsa::IscsiTarget::Util::ClaimObjectOwnership(u);
+  NukCtl::Orsa::IscsiTarget::Util::PublishNukNicsToLodex();
+
+  KelConfStateSource source;
+  size_t served = 0;
+  const double parse = MedianOf(o.rounds * 4, [&] {
+    source.Invalidate();
+    served = source.Load().targets.size();
+  });
+  if (served != state.targets.size()) {
+    fprintf(stderr, "kel.conf source: %zu of %zu targets\n", served, state.targets.size());
+    return 2;
+  }
+  const double unchanged = MedianOf(o.rounds * 4, [&] { source.Load(); });
+
+  DirectoryPortalResolver resolver;
+  resolver.Watch([] {});
+  DesiredState desired = source.Load();
+  auto resolve_all = [&] {
+    for (const DesiredTarget& d : desired.targets) {
+      for (const DesiredPortal& p : d.portals) {
+        ResolvedPortal out;
+        std::string error;
+        if (!resolver.Resolve(d.iqn, p, &out, &error)) {
+          fprintf(stderr, "resolve: %s\n", error.c_str());
+          exit(2);
+        }
+      }
+    }
+  };
+  const double uncached = MedianOf(o.rounds * 4, [&] {
+    resolver.Refresh();
+    resolve_all();
+  });
+  const double cached = MedianOf(o.rounds * 4, resolve_all);
+  // The daemon's periodic check when nothing changed: load, resolve, compare.
+  const double check = MedianOf(o.rounds * 4, [&] {
+    DesiredState now = source.Load();
+    resolve_all();
+    if (!(now == desired)) exit(3);
+  });
+
+  printf("\nfollowing the cluster: %zu targets, %d LUNs in kel.conf, embedded directory; medians\n",
+         state.targets.size(), o.luns);
+  printf("| %-44s | %12s |\n", "operation", "time");
+  printf("|%s|%s|\n", std::string(46, '-').c_str(), std::string(14, '-').c_str());
+  auto row = [](const char* what, double seconds) {
+    printf("| %-44s | %9.3f ms |\n", what, seconds * 1000);
+  };
+  row("kel.conf source: read and parse kel.conf", parse);
+  row("kel.conf source: load, file unchanged", unchanged);
+  row("resolve every portal through the directory", uncached);
+  row("resolve every portal, cached", cached);
+  row("periodic check with nothing changed", check);
+  kel::platform::CloseDirectory();
+  return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -166,6 +307,8 @@ int main(int argc, char** argv) {
       o.rounds = atoi(argv[i + 1]);
     else if (k == "--tgt-rounds")
       o.tgtRounds = atoi(argv[i + 1]);
+    else if (k == "--follow-only")
+      o.followOnly = atoi(argv[i + 1]) != 0;
   }
   char tmpl[] = "/tmp/keld-bench-XXXXXX";
   if (mkdtemp(tmpl) == nullptr) {
@@ -176,6 +319,12 @@ int main(int argc, char** argv) {
   const int port = FreePort(o.address);
   const std::string portal = PortalText(o.address, port);
   DesiredState state = MakeState(o, dir, port);
+  if (o.followOnly) {
+    int code = FollowBench(o, dir, state, port);
+    std::error_code ignored;
+    std::filesystem::remove_all(dir, ignored);
+    return code;
+  }
   for (const DesiredTarget& d : state.targets) {
     for (const DesiredLun& l : d.luns) {
       std::ofstream(l.path).close();
@@ -254,7 +403,8 @@ int main(int argc, char** argv) {
   printf("ratio keld / tgt-admin, whole state: %.2f\n", Median(full) / Median(tgt_full));
   printf("ratio keld / tgt-admin, one target:  %.2f\n", Median(one) / Median(tgt_one));
 
+  int code = FollowBench(o, dir, state, port);
   std::error_code ignored;
   std::filesystem::remove_all(dir, ignored);
-  return 0;
+  return code;
 }
