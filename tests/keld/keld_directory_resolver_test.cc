@@ -6,12 +6,14 @@
 #include <atomic>
 #include <chrono>
 #include <future>
+#include <memory>
 #include <string>
 #include <thread>
 
 #include "directory/interface_publication.h"
 #include "platform/directory.h"
 #include "platform/log.h"
+#include "platform/testing/fake_directory.h"
 #include "tests/keld/keld_test_helpers.h"
 
 namespace kel {
@@ -107,6 +109,11 @@ TEST_F(DirectoryResolverTest, UnknownInterfacesAndUnpublishedLocalOnes) {
 }
 
 TEST_F(DirectoryResolverTest, CachesUntilAnInterfaceEntryChanges) {
+  // The embedded directory reports changes through inotify, a little after they happen, so the
+  // set-up's publication could still wake the resolver below; the fake reports each change once,
+  // to the subscriptions that exist when it is made.
+  platform::SetDirectoryForTest(std::make_shared<platform::FakeDirectory>(env_.selfUuid()));
+  NukCtl::Orsa::IscsiTarget::Util::PublishNukNicsToLodex();
   std::atomic<int> wakes{0};
   resolver_.Watch([&] { ++wakes; });
   EXPECT_EQ(Resolve(Portal("nuk0", 3260)), "127.0.0.31:3260");
