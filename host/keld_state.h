@@ -124,19 +124,6 @@ class DesiredStateSource {
   virtual void Watch(std::function<void()> wake) { (void)wake; }
 };
 
-// A source that always yields the same state (tests, and keld before kel.conf is readable).
-class StaticStateSource : public DesiredStateSource {
- public:
-  explicit StaticStateSource(DesiredState state, std::string description = "static state")
-      : state_(std::move(state)), description_(std::move(description)) {}
-  DesiredState Load() override { return state_; }
-  std::string Describe() const override { return description_; }
-
- private:
-  DesiredState state_;
-  std::string description_;
-};
-
 // The source the daemon uses: the JSON file `json_path` when not empty, else $KELD_DESIRED_STATE
 // when set, else kel.conf (KelConfStateSource).
 std::unique_ptr<DesiredStateSource> MakeDefaultStateSource(const std::string& json_path);
