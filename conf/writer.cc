@@ -31,7 +31,9 @@ const char* NameOrNull(const char* name) { return name != nullptr ? name : "(nul
 // Appends produce exactly what the former "%s" and "%d" formats printed (a null text included).
 class Text {
  public:
-  Text() { out_.reserve(64 * 1024); }
+  // The buffer of the thread's previous text is reused: after the first write of a large file, no
+  // append grows it (growing means copying it and touching fresh pages, more than the appends).
+  Text() : out_(Buffer()) { out_.clear(); }
 
   Text& operator<<(const char* s) {
     out_.append(s != nullptr ? s : "(null)");
@@ -48,6 +50,11 @@ class Text {
   const std::string& str() const { return out_; }
 
  private:
+  static std::string& Buffer() {
+    thread_local std::string buffer;
+    return buffer;
+  }
+
   template <typename T>
   Text& Number(T n) {
     char buf[24];
@@ -56,7 +63,7 @@ class Text {
     return *this;
   }
 
-  std::string out_;
+  std::string& out_;
 };
 
 void WriteInitiatorGroups(const struct conf* conf, Text& out) {

@@ -210,27 +210,32 @@ class DeliveryScope {
   uint64_t ticket_ = 0;
 };
 
-// One thread for what directory threads must not do themselves. Allocated once and never freed,
-// so that it outlives every static whose destructor might still hand it work.
+// One thread for what directory threads must not do themselves, started when work comes. Allocated
+// once and never freed, so that it outlives every static whose destructor might still hand it work.
 class CleanupThread {
  public:
   void Post(std::function<void()> work) {
     std::lock_guard<std::mutex> guard(mu_);
     tasks_.push_back(std::move(work));
-    if (!thread_.joinable()) thread_ = std::thread([this] { Run(); });
+    if (!running_) {
+      // A worker that found nothing more to do has left (or is leaving) its loop for good.
+      if (thread_.joinable()) thread_.join();
+      running_ = true;
+      thread_ = std::thread([this] { Run(); });
+    }
     cv_.notify_one();
   }
-  // Runs what is queued and joins the thread; a later Post starts it again.
+  // Runs what is queued and joins the worker; a later Post starts another one.
   void Drain() {
-    std::thread done;
+    std::thread worker;
     {
       std::lock_guard<std::mutex> guard(mu_);
       if (!thread_.joinable() || thread_.get_id() == std::this_thread::get_id()) return;
       stopping_ = true;
       cv_.notify_one();
-      done.swap(thread_);
+      worker.swap(thread_);
     }
-    done.join();
+    worker.join();
     std::lock_guard<std::mutex> guard(mu_);
     stopping_ = false;
   }
@@ -240,7 +245,10 @@ class CleanupThread {
     std::unique_lock<std::mutex> lock(mu_);
     for (;;) {
       cv_.wait(lock, [this] { return stopping_ || !tasks_.empty(); });
-      if (tasks_.empty()) return;  // stopping and drained
+      if (tasks_.empty()) {
+        running_ = false;  // stopping and drained
+        return;
+      }
       auto task = std::move(tasks_.front());
       tasks_.pop_front();
       lock.unlock();
@@ -253,6 +261,7 @@ class CleanupThread {
   std::condition_variable cv_;
   std::deque<std::function<void()>> tasks_;  // guarded by mu_
   bool stopping_ = false;                    // guarded by mu_
+  bool running_ = false;                     // guarded by mu_: a worker is in its loop
   std::thread thread_;                       // guarded by mu_
 };
 

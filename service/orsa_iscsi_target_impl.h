@@ -97,7 +97,8 @@ class OrsaIscsiTargetImpl : public virtual HostCtl::Orsa::IscsiTarget::OrsaIscsi
   void RemoveLun(unsigned int id, const std::string& targetAlias, bool forceRemove) override;
   // newId -1 and an empty newTarget, alias, status, size or policy keep what the LUN has. After
   // 5 attempts (5 s apart) whose edit or resize confirmation asked for another one, throws
-  // "Failed to update LUN <id> of target <alias> after 5 attempts".
+  // "Failed to update LUN <id> of target <alias> after 5 attempts". A move to another target whose
+  // write fails puts the disk back where kel.conf says it is (Parser::UpdateLun).
   void UpdateLun(LunInfo& lun, int newId, const std::string& newTarget, bool locked) override;
   void GetLuns(std::string targetAlias, std::vector<LunInfo>& out, bool withCompliance) override;
   LunInfo GetLunInfo(const std::string& targetAlias, int id) override;
@@ -157,8 +158,10 @@ class OrsaIscsiTargetImpl : public virtual HostCtl::Orsa::IscsiTarget::OrsaIscsi
 void _CheckKelConfigSubscription();
 // Whether this process keeps the configuration entry's subscription (default: yes). A short-lived
 // program (kelctl) turns it off before it makes its service object: its cached copy of kel.conf
-// lives no longer than one command, so it reads the file instead, and no notification of the
-// directory can still be running while it exits. Thread-safe.
+// would live no longer than one command, which reads the file once anyway, while a subscription
+// costs a directory watch (with the etcd backend a range read, a watch stream and a thread) for
+// every command. Keeping it would be safe: closing the directory waits for the notification
+// callbacks in flight and nothing reopens it from them. Thread-safe.
 void SetKelConfigSubscriptionWanted(bool wanted);
 // Drops the subscription; a failure is logged ("Failed to unsubscribe LODEX : ...") and swallowed.
 void _UnsubscribeKelConfig();
