@@ -106,9 +106,12 @@ struct ObjectOwner {
 };
 
 // Who holds the host's liveness in this process: the host agent keeps the host's lease for as
-// long as it runs; any other program (kelctl) borrows it when the agent is alive, else holds a
-// lease of its own for its lifetime.
-enum class DirectoryRole { kClient, kHostAgent };
+// long as it runs; any other program (kelctl) borrows the live lease that the host's member
+// record names, whoever holds it, else holds a lease of its own for its lifetime. kDaemon is a
+// long-running program that is not the agent (keld): it borrows the agent's lease while an agent
+// holds one and otherwise keeps the host registered under a lease of its own (etcd backend,
+// platform/directory_etcd.h).
+enum class DirectoryRole { kClient, kHostAgent, kDaemon };
 
 class Directory {
  public:

@@ -70,7 +70,7 @@ EtcdDirectory::~EtcdDirectory() {
   std::lock_guard<std::mutex> guard(leaseMu_);
   // A program's own lease lives as long as the program; the agent's lease is left to expire so
   // that a restarted agent can adopt it.
-  if (ownLease_ && role_ == DirectoryRole::kClient && lease_ != 0) client_.LeaseRevoke(lease_);
+  if (ownLease_ && role_ != DirectoryRole::kHostAgent && lease_ != 0) client_.LeaseRevoke(lease_);
 }
 
 std::string EtcdDirectory::EntryKey(const DirUuid& uuid, uint8_t type) const {
@@ -98,6 +98,35 @@ NUK_ReturnStatus EtcdDirectory::GrantOwnLease() {
   if (st != NUK_OK) return st;
   lease_ = id;
   ownLease_ = true;
+  agentLease_ = role_ == DirectoryRole::kHostAgent;
+  return NUK_OK;
+}
+
+void EtcdDirectory::Borrow(int64_t lease, bool agent) {
+  lease_ = lease;
+  ownLease_ = false;
+  agentLease_ = agent;
+  memberLease_ = lease;
+}
+
+NUK_ReturnStatus EtcdDirectory::LiveMemberLease(int64_t* lease, bool* agent) {
+  *lease = 0;
+  *agent = false;
+  EtcdClient::KeyValue kv;
+  NUK_ReturnStatus st = client_.Get(MemberKey(selfText_), &kv);
+  if (st == NUK_NOT_FOUND) return NUK_OK;
+  if (st != NUK_OK) return st;
+  MemberRecord m;
+  if (!DecodeMemberValue(kv.value, &m)) return NUK_OK;  // unreadable: as good as none
+  int64_t named = kv.lease != 0 ? kv.lease : strtoll(m.leaseId.c_str(), nullptr, 10);
+  int64_t ttl = 0;
+  if (named == 0) return NUK_OK;
+  st = client_.LeaseTimeToLive(named, &ttl);
+  if (st != NUK_OK && st != NUK_NOT_FOUND) return st;
+  if (st == NUK_OK && ttl > 0) {
+    *lease = named;
+    *agent = m.agentLease;
+  }
   return NUK_OK;
 }
 
@@ -109,34 +138,47 @@ NUK_ReturnStatus EtcdDirectory::RegisterMember(int64_t lease) {
   m.name = selfName_;
   m.site = selfSite_;
   m.leaseId = std::to_string(lease);
-  // A borrowed lease is the agent's: keep saying so, or later programs would not borrow it.
-  m.agentLease = role_ == DirectoryRole::kHostAgent || !ownLease_;
-  return client_.Put(MemberKey(selfText_), EncodeMemberValue(m), lease);
+  // Whoever writes under the agent's lease keeps saying so, or a restarted agent would not adopt
+  // it and a daemon would not leave it to the agent.
+  m.agentLease = agentLease_;
+  NUK_ReturnStatus st = client_.Put(MemberKey(selfText_), EncodeMemberValue(m), lease);
+  if (st == NUK_OK) memberLease_ = lease;
+  return st;
 }
 
 NUK_ReturnStatus EtcdDirectory::AcquireLease() {
   std::lock_guard<std::mutex> guard(leaseMu_);
-  EtcdClient::KeyValue kv;
-  NUK_ReturnStatus st = client_.Get(MemberKey(selfText_), &kv);
-  if (st != NUK_OK && st != NUK_NOT_FOUND) return st;
-  MemberRecord m;
-  if (st == NUK_OK && DecodeMemberValue(kv.value, &m) && m.agentLease && !m.leaseId.empty()) {
-    int64_t lease = strtoll(m.leaseId.c_str(), nullptr, 10);
-    int64_t ttl = 0;
-    if (lease != 0 && client_.LeaseTimeToLive(lease, &ttl) == NUK_OK && ttl > 0) {
-      lease_ = lease;
-      if (role_ == DirectoryRole::kHostAgent) {
-        // A previous run of the agent: adopt its lease so its entries stay.
-        ownLease_ = true;
-        return RegisterMember(lease_);
-      }
-      ownLease_ = false;  // borrowed from the running agent
-      return NUK_OK;
-    }
+  int64_t live = 0;
+  bool agent = false;
+  NUK_ReturnStatus st = LiveMemberLease(&live, &agent);
+  if (st != NUK_OK) return st;
+  if (live != 0 && role_ == DirectoryRole::kHostAgent && agent) {
+    // A previous run of the agent: adopt its lease so its entries stay.
+    Borrow(live, true);
+    ownLease_ = true;
+    return RegisterMember(lease_);
+  }
+  if (live != 0 && role_ != DirectoryRole::kHostAgent && MayBorrow(agent)) {
+    Borrow(live, agent);
+    return NUK_OK;
   }
   st = GrantOwnLease();
   if (st != NUK_OK) return st;
   return RegisterMember(lease_);
+}
+
+NUK_ReturnStatus EtcdDirectory::ReplaceLostLease() {
+  int64_t live = 0;
+  bool agent = false;
+  if (role_ != DirectoryRole::kHostAgent && LiveMemberLease(&live, &agent) == NUK_OK && live != 0 &&
+      live != lease_ && MayBorrow(agent)) {
+    Borrow(live, agent);
+    return NUK_OK;
+  }
+  NUK_ReturnStatus st = GrantOwnLease();
+  if (st != NUK_OK) return st;
+  if (!membershipLostReported_) RegisterMember(lease_);
+  return NUK_OK;
 }
 
 int64_t EtcdDirectory::LeaseId() const {
@@ -159,25 +201,60 @@ void EtcdDirectory::SuspendKeepAliveForTest(bool suspend) { keepAliveSuspended_.
 void EtcdDirectory::RepairAfterLeaseLoss() {
   std::lock_guard<std::mutex> guard(leaseMu_);
   int64_t old = lease_;
-  if (GrantOwnLease() != NUK_OK) return;  // tried again at the next period
-  LogWarning("%s: lease %lld of host %s was lost, now holding lease %lld\n", kTag,
-             static_cast<long long>(old), selfText_.c_str(), static_cast<long long>(lease_));
-  if (!membershipLostReported_) RegisterMember(lease_);
+  if (ReplaceLostLease() != NUK_OK) return;  // tried again at the next period
+  LogWarning("%s: lease %lld of host %s was lost, now %s lease %lld\n", kTag,
+             static_cast<long long>(old), selfText_.c_str(), ownLease_ ? "holding" : "borrowing",
+             static_cast<long long>(lease_));
   for (const auto& kv : written_) client_.Put(kv.first, kv.second, lease_);
+}
+
+void EtcdDirectory::WatchMemberRecord() {
+  EtcdClient::KeyValue kv;
+  NUK_ReturnStatus st = client_.Get(MemberKey(selfText_), &kv);
+  std::lock_guard<std::mutex> guard(leaseMu_);
+  if (st == NUK_OK) {
+    MemberRecord m;
+    // Remembered only for the agent or ourselves: a client's short registration ends with it and
+    // says nothing about who keeps the host alive.
+    if (kv.lease != 0 && DecodeMemberValue(kv.value, &m) && (m.agentLease || kv.lease == lease_)) {
+      memberLease_ = kv.lease;
+    }
+    return;
+  }
+  if (st != NUK_NOT_FOUND || membershipLostReported_) return;
+  // Deleted while its lease lives: the host left the cluster, and stays out until it joins again.
+  int64_t ttl = 0;
+  if (memberLease_ != 0) {
+    st = client_.LeaseTimeToLive(memberLease_, &ttl);
+    if (st != NUK_OK && st != NUK_NOT_FOUND) return;  // asked again at the next period
+    if (st == NUK_OK && ttl > 0) {
+      membershipLostReported_ = true;
+      return;
+    }
+  }
+  // Gone with its lease: the agent stopped, so the daemon keeps the host registered from now on.
+  const bool borrowed = !ownLease_;
+  if (borrowed && GrantOwnLease() != NUK_OK) return;
+  if (RegisterMember(lease_) != NUK_OK) return;
+  LogInfo("%s: host %s is registered by this daemon under lease %lld\n", kTag, selfText_.c_str(),
+          static_cast<long long>(lease_));
+  // What was written under the borrowed lease went with it.
+  if (borrowed) {
+    for (const auto& w : written_) client_.Put(w.first, w.second, lease_);
+  }
 }
 
 NUK_ReturnStatus EtcdDirectory::PutUnderLease(const std::string& key, const std::string& value) {
   int64_t lease = LeaseId();
   NUK_ReturnStatus st = client_.Put(key, value, lease);
   if (st != NUK_NOT_FOUND) return st;
-  // The lease is gone (a borrowed agent lease whose agent died, or ours expired before the
-  // keepalive noticed): continue under a lease of our own.
+  // The lease is gone (a borrowed lease whose holder ended, or ours expired before the
+  // keepalive noticed): continue under the live lease of the member record or one of our own.
   {
     std::lock_guard<std::mutex> guard(leaseMu_);
     if (lease_ == lease) {
-      st = GrantOwnLease();
+      st = ReplaceLostLease();
       if (st != NUK_OK) return st;
-      if (!membershipLostReported_) RegisterMember(lease_);
     }
     lease = lease_;
   }
@@ -191,6 +268,7 @@ void EtcdDirectory::KeepAliveLoop() {
   std::unique_lock<std::mutex> lock(stopMu_);
   while (!stopCv_.wait_for(lock, period, [this] { return stopping_; })) {
     lock.unlock();
+    if (role_ == DirectoryRole::kDaemon && !keepAliveSuspended_.load()) WatchMemberRecord();
     int64_t lease = 0;
     bool own = false;
     {

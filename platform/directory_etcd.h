@@ -7,10 +7,20 @@
 // Liveness: a live host holds a lease of `leaseTtlSeconds` and keeps it alive (a keepalive every
 // third of the TTL). A keepalive answer without a TTL, or with 0, means the lease is gone (expired
 // while the process was stalled or cut off): a new lease is granted, the member record and the
-// entries this process wrote are put again under it. The host agent adopts the lease of a previous
-// agent run that is still alive, so a quick restart loses nothing. Other programs borrow the
-// agent's lease when the member record names a live one; otherwise they hold a lease of their own
-// for their lifetime and revoke it when closed, so what they own vanishes with them.
+// entries this process wrote are put again under it. Who holds the host's lease, by role:
+//  - the host agent: its own, adopting the lease of a previous agent run that is still alive, so
+//    a quick restart loses nothing; it never revokes it (a restarted agent adopts it);
+//  - a daemon (keld): the agent's while the member record names a live agent lease, else one of
+//    its own under which it registers the host. It watches the record: when the record vanishes
+//    together with its lease (the agent stopped), it registers the host under its own lease and
+//    puts again what it wrote; when the record is deleted while its lease lives, the host has left
+//    the cluster and the daemon leaves it out. It revokes its own lease when closed;
+//  - a client (kelctl): never overwrites a member record whose lease is alive, whoever wrote it;
+//    it borrows that lease and leaves it alone when closed. Only with no live record does it
+//    register the host under a lease of its own, revoked when closed, so what it owns vanishes
+//    with it.
+// A borrower whose borrowed lease is gone when it writes borrows the record's live lease again,
+// or continues under a lease of its own.
 //
 // Notifications come from one watch stream over <prefix>/entries/ per directory object, started by
 // the first Subscribe. After a dropped connection the stream resumes at the last seen revision + 1;
@@ -89,11 +99,16 @@ class EtcdDirectory : public Directory {
   bool EntryFromKeyValue(const EtcdClient::KeyValue& kv, DirEntry* out) const;
 
   NUK_ReturnStatus AcquireLease();
+  NUK_ReturnStatus LiveMemberLease(int64_t* lease, bool* agent);
+  bool MayBorrow(bool agent) const { return role_ == DirectoryRole::kClient || agent; }
+  void Borrow(int64_t lease, bool agent);
   NUK_ReturnStatus GrantOwnLease();
   NUK_ReturnStatus RegisterMember(int64_t lease);
+  NUK_ReturnStatus ReplaceLostLease();
   NUK_ReturnStatus PutUnderLease(const std::string& key, const std::string& value);
   void KeepAliveLoop();
   void RepairAfterLeaseLoss();
+  void WatchMemberRecord();
 
   NUK_ReturnStatus StartWatch();
   void WatchLoop();
@@ -110,8 +125,10 @@ class EtcdDirectory : public Directory {
   DirectoryRole role_;
 
   mutable std::mutex leaseMu_;
-  int64_t lease_ = 0;      // guarded by leaseMu_
-  bool ownLease_ = false;  // guarded by leaseMu_: granted (or adopted, for the agent) here
+  int64_t lease_ = 0;        // guarded by leaseMu_
+  bool ownLease_ = false;    // guarded by leaseMu_: granted (or adopted, for the agent) here
+  bool agentLease_ = false;  // guarded by leaseMu_: lease_ is the agent's (granted or borrowed)
+  int64_t memberLease_ = 0;  // guarded by leaseMu_: the daemon's last sight of the record's lease
   std::map<std::string, std::string> written_;  // key -> value put by this process; leaseMu_
   std::function<void()> membershipLost_;        // guarded by leaseMu_
   bool membershipLostReported_ = false;         // guarded by leaseMu_

@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <cstdlib>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -92,6 +93,16 @@ bool IsMember(Directory& dir, const std::string& uuid) {
     if (m.uuid == uuid) return true;
   }
   return false;
+}
+
+// The lease that the host's member record names; 0 when the host is no member.
+int64_t MemberLease(Directory& dir, const std::string& uuid) {
+  std::vector<MemberRecord> members;
+  if (dir.ListMembers(&members) != NUK_OK) return -1;
+  for (const auto& m : members) {
+    if (m.uuid == uuid) return strtoll(m.leaseId.c_str(), nullptr, 10);
+  }
+  return 0;
 }
 
 bool Exists(Directory& dir, const DirEntry& e) {
@@ -309,6 +320,66 @@ TEST_F(EtcdDirectoryTest, ARestartedAgentAdoptsItsLiveLeaseAndNoticesWhenTheHost
   EXPECT_FALSE(IsMember(*second, h.hostUuid)) << "the agent does not re-register by itself";
   ASSERT_EQ(second->JoinCluster(), NUK_OK);
   EXPECT_TRUE(IsMember(*second, h.hostUuid));
+}
+
+// Without the agent, keld is what keeps the host alive; the short-lived kelctl runs between must
+// neither replace its member record nor take it with them when they exit.
+TEST_F(EtcdDirectoryTest, ShortLivedClientsBorrowWhicheverLeaseKeepsTheHostAlive) {
+  auto observer = Open(Host("observer"));
+  HostConfig h = Host("served-by-keld", 2);
+  auto keld = Open(h, DirectoryRole::kDaemon);
+  ASSERT_TRUE(keld->OwnsLease());
+  const int64_t keldLease = keld->LeaseId();
+  EXPECT_EQ(MemberLease(*observer, h.hostUuid), keldLease);
+  DirEntry byClient;
+  byClient.uuid = RandomDirUuid();
+  byClient.type = 38;
+  for (int run = 0; run < 2; ++run) {
+    auto kelctl = Open(h, DirectoryRole::kClient);
+    EXPECT_EQ(kelctl->LeaseId(), keldLease);
+    EXPECT_FALSE(kelctl->OwnsLease());
+    if (run == 0) ASSERT_EQ(Put(*kelctl, byClient), NUK_OK);
+  }
+  std::this_thread::sleep_for(std::chrono::milliseconds(3500));  // longer than the TTL
+  EXPECT_EQ(MemberLease(*observer, h.hostUuid), keldLease) << "kelctl's exit kept the record";
+  EXPECT_TRUE(Exists(*observer, byClient));
+
+  // An agent takes the record over under a lease of its own (keld's is no agent's to adopt);
+  // programs started meanwhile, a second daemon as well, borrow the agent's.
+  {
+    auto agent = Open(h, DirectoryRole::kHostAgent);
+    EXPECT_TRUE(agent->OwnsLease());
+    EXPECT_NE(agent->LeaseId(), keldLease);
+    EXPECT_EQ(MemberLease(*observer, h.hostUuid), agent->LeaseId());
+    auto kelctl = Open(h, DirectoryRole::kClient);
+    EXPECT_EQ(kelctl->LeaseId(), agent->LeaseId());
+    auto other = Open(h, DirectoryRole::kDaemon);
+    EXPECT_EQ(other->LeaseId(), agent->LeaseId());
+    EXPECT_FALSE(other->OwnsLease());
+  }
+  // The agent stopped: once its lease has run out keld registers the host again.
+  EXPECT_TRUE(Eventually([&] { return MemberLease(*observer, h.hostUuid) == keldLease; }));
+
+  // A host that leaves the cluster stays out although keld keeps running.
+  {
+    auto kelctl = Open(h, DirectoryRole::kClient);
+    EXPECT_EQ(kelctl->LeaseId(), keldLease);
+    ASSERT_EQ(kelctl->LeaveCluster(), NUK_OK);
+  }
+  std::this_thread::sleep_for(std::chrono::milliseconds(2500));  // several of keld's checks
+  EXPECT_EQ(MemberLease(*observer, h.hostUuid), 0);
+
+  // Two programs with no long-running one: the second borrows the first's lease, and its exit
+  // leaves the first one's record alone.
+  HostConfig lone = Host("clients-only");
+  auto first = Open(lone, DirectoryRole::kClient);
+  ASSERT_TRUE(first->OwnsLease());
+  {
+    auto second = Open(lone, DirectoryRole::kClient);
+    EXPECT_EQ(second->LeaseId(), first->LeaseId());
+    EXPECT_FALSE(second->OwnsLease());
+  }
+  EXPECT_EQ(MemberLease(*observer, lone.hostUuid), first->LeaseId());
 }
 
 }  // namespace
