@@ -14,10 +14,12 @@
 #include "host/keld_daemon.h"
 #include "host/keld_directory_resolver.h"
 #include "host/keld_json_source.h"
+#include "host/keld_outcome.h"
 #include "host/keld_status.h"
 #include "host/tgt_exec.h"
 #include "host/tgtd_supervisor.h"
 #include "platform/clock.h"
+#include "platform/directory.h"
 #include "platform/exception.h"
 #include "platform/host_config.h"
 
@@ -36,13 +38,19 @@ platform::HostConfig LoadConfig(const ControlOptions& options) {
   return config;
 }
 
-int PrintProblems(const json& reply, std::ostream& err) {
-  std::vector<Problem> problems = ProblemsFromJson(reply.value("problems", json::array()));
-  for (const Problem& p : problems) {
-    err << (p.target.empty() ? "" : p.target + ": ") << p.message << "\n";
+// Prints a command's report, warnings first so that what failed is the last line, and returns
+// its exit code.
+int PrintReport(const json& reply, std::ostream& err) {
+  auto line = [](const Problem& p) {
+    return (p.target.empty() ? "" : p.target + ": ") + p.message;
+  };
+  for (const Problem& p : ProblemsFromJson(reply.value("warnings", json::array()))) {
+    err << "warning: " << line(p) << "\n";
   }
-  int code = reply.value("code", 2);
-  return code == 0 && !problems.empty() ? static_cast<int>(OutcomeOf(problems)) : code;
+  for (const Problem& p : ProblemsFromJson(reply.value("problems", json::array()))) {
+    err << line(p) << "\n";
+  }
+  return reply.value("code", static_cast<int>(Outcome::kFailure));
 }
 
 // Whether a daemon holds the state directory's lock (it is released when the process exits,
@@ -104,7 +112,7 @@ int StopDaemon(const ControlOptions& options, const platform::HostConfig& config
   bool not_running = false;
   int code = 0;
   if (KeldRequest(dir, {{"command", "stop"}}, &reply, &error, &not_running)) {
-    code = PrintProblems(reply, err);
+    code = PrintReport(reply, err);
     WaitDaemonGone(dir, pid);
   } else if (!not_running) {
     err << error << "\n";
@@ -143,6 +151,8 @@ std::string SelfPath() {
 int KeldRun(const ControlOptions& options, std::ostream& err) {
   try {
     platform::HostConfig config = LoadConfig(options);
+    // keld serves for as long as it runs: with no host agent it keeps the host registered.
+    platform::SetDirectoryRole(platform::DirectoryRole::kDaemon);
     DaemonOptions d;
     d.stateDir = config.stateDir;
     d.controlIndex = config.tgtdControlPort;
@@ -158,10 +168,7 @@ int KeldRun(const ControlOptions& options, std::ostream& err) {
     err << e.GetMessage() << "\n";
     if (options.readyFd >= 0) {
       std::string line =
-          json({{"code", 2},
-                {"problems", ProblemsToJson({{Outcome::kFailure, "", e.GetMessage()}})}})
-              .dump() +
-          "\n";
+          CommandReportToJson(FailingReport({DaemonProblem(e.GetMessage())})).dump() + "\n";
       ssize_t ignored = write(options.readyFd, line.data(), line.size());
       (void)ignored;
     }
@@ -257,7 +264,7 @@ int KeldRestart(const ControlOptions& options, std::ostream& err) {
     return static_cast<int>(Outcome::kFailure);
   }
   try {
-    return PrintProblems(json::parse(line.substr(0, nl)), err);
+    return PrintReport(json::parse(line.substr(0, nl)), err);
   } catch (const json::exception& e) {
     err << "keld reported its start-up unreadably: " << e.what() << "\n";
     return static_cast<int>(Outcome::kFailure);
@@ -274,7 +281,7 @@ int KeldReload(const ControlOptions& options, std::ostream& err) {
       err << error << "\n";
       return static_cast<int>(Outcome::kFailure);
     }
-    return PrintProblems(reply, err);
+    return PrintReport(reply, err);
   } catch (const OrsaCtlException& e) {
     err << e.GetMessage() << "\n";
     return static_cast<int>(Outcome::kFailure);

@@ -19,6 +19,7 @@
 #include <map>
 
 #include "host/keld_disk_lock.h"
+#include "host/keld_outcome.h"
 #include "host/keld_reconciler.h"
 #include "host/keld_status.h"
 #include "host/tgt_exec.h"
@@ -92,14 +93,14 @@ bool SameProblems(const std::vector<Problem>& a, const std::vector<Problem>& b) 
   return true;
 }
 
-json OutcomeReply(const std::vector<Problem>& problems) {
-  return {{"code", static_cast<int>(OutcomeOf(problems))}, {"problems", ProblemsToJson(problems)}};
-}
-
 void LogProblems(const std::vector<Problem>& problems) {
   for (const Problem& p : problems) {
-    LogError("%s: %s%s\n", kTag, p.target.empty() ? "" : (p.target + ": ").c_str(),
-             p.message.c_str());
+    const std::string target = p.target.empty() ? "" : p.target + ": ";
+    if (p.daemonWide) {
+      LogError("%s: %s%s\n", kTag, target.c_str(), p.message.c_str());
+    } else {
+      LogWarning("%s: %s%s\n", kTag, target.c_str(), p.message.c_str());
+    }
   }
 }
 
@@ -137,14 +138,14 @@ class Daemon {
   bool Prepare(Problem* problem);
   bool StartTgtd(Problem* problem);
   bool Load(DesiredState* desired, std::vector<Problem>* problems);
-  std::vector<Problem> Reconcile(bool requested);
-  void Apply(const DesiredState& desired, std::vector<Problem>* problems);
+  ReconcileResult Reconcile(bool requested);
+  void Apply(const DesiredState& desired, ReconcileResult* result);
   void Check();
   void Finish(const std::vector<Problem>& problems, bool requested);
   std::map<std::string, std::vector<std::string>> ResolvedPortals(const DesiredState& desired);
   void Watch();
   std::vector<Problem> Stop();
-  void Ready(const std::vector<Problem>& problems);
+  void Ready(const CommandReport& report);
   void HandleClient();
   json StatusReply();
 
@@ -159,6 +160,7 @@ class Daemon {
   int wake_fd_ = -1;  // written by change notifications of the source and the resolver
   bool stopping_ = false;
   std::vector<Problem> last_problems_;
+  ChangeTracker tracker_;  // which problems fail a reload or restart
 
   // What the last reconcile applied, for the periodic checks.
   bool applied_valid_ = false;
@@ -180,10 +182,9 @@ bool Daemon::Prepare(Problem* problem) {
     int err = errno;
     if (lock_fd_ >= 0) close(lock_fd_);
     lock_fd_ = -1;
-    *problem = {Outcome::kFailure, "",
-                err == EAGAIN || err == EACCES
-                    ? "keld is already running for " + dir
-                    : "cannot lock " + KeldLockPath(dir) + ": " + ErrnoText(err)};
+    *problem = DaemonProblem(err == EAGAIN || err == EACCES
+                                 ? "keld is already running for " + dir
+                                 : "cannot lock " + KeldLockPath(dir) + ": " + ErrnoText(err));
     return false;
   }
   std::ofstream(KeldPidPath(dir)) << getpid() << "\n";
@@ -201,7 +202,7 @@ bool Daemon::Prepare(Problem* problem) {
   sockaddr_un addr;
   std::string error;
   if (!FillAddress(path, &addr, &error)) {
-    *problem = {Outcome::kFailure, "", error};
+    *problem = DaemonProblem(error);
     return false;
   }
   unlink(path.c_str());  // a leftover of a daemon that died; we hold the lock
@@ -212,7 +213,7 @@ bool Daemon::Prepare(Problem* problem) {
       listen_fd_ >= 0 && bind(listen_fd_, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == 0;
   umask(old_mask);
   if (!bound || listen(listen_fd_, 16) != 0) {
-    *problem = {Outcome::kFailure, "", "cannot listen on " + path + ": " + ErrnoText(errno)};
+    *problem = DaemonProblem("cannot listen on " + path + ": " + ErrnoText(errno));
     return false;
   }
   return true;
@@ -224,7 +225,7 @@ bool Daemon::Load(DesiredState* desired, std::vector<Problem>* problems) {
     return true;
   } catch (const OrsaCtlException& e) {
     // Serving on with what tgtd has beats withdrawing everything over an unreadable source.
-    problems->push_back({Outcome::kFailure, "", e.GetMessage()});
+    problems->push_back(DaemonProblem(e.GetMessage()));
     return false;
   }
 }
@@ -236,7 +237,10 @@ bool Daemon::StartTgtd(Problem* problem) {
   std::string portal;
   if (Load(&desired, &ignored) && FirstPortal(desired, *resolver_, &first)) portal = first.text;
   reconciler_.reset();
-  if (!supervisor_.Start(portal, problem)) return false;
+  if (!supervisor_.Start(portal, problem)) {
+    problem->daemonWide = true;
+    return false;
+  }
   reconciler_ = std::make_unique<KeldReconciler>(supervisor_.admin(), locker_, *resolver_);
   return true;
 }
@@ -262,35 +266,39 @@ std::map<std::string, std::vector<std::string>> Daemon::ResolvedPortals(
   return out;
 }
 
-void Daemon::Apply(const DesiredState& desired, std::vector<Problem>* problems) {
+void Daemon::Apply(const DesiredState& desired, ReconcileResult* result) {
   ReconcileResult r = reconciler_->Apply(desired);
-  problems->insert(problems->end(), r.problems.begin(), r.problems.end());
+  result->problems.insert(result->problems.end(), r.problems.begin(), r.problems.end());
+  result->changes += r.changes;
+  result->portalsWanted = r.portalsWanted;
+  result->portalsObtained = r.portalsObtained;
   if (r.changes > 0) LogInfo("%s: Applied %d changes to tgtd\n", kTag, r.changes);
   applied_ = desired;
   applied_portals_ = ResolvedPortals(desired);
   applied_generation_ = options_.source->Generation();
   applied_valid_ = true;
   load_failed_ = false;
+  tracker_.Applied(desired, applied_generation_);
 }
 
 // `requested`: a client asked for it, so the source and the portals are read afresh and its
 // problems are logged even if they are the same as last time.
-std::vector<Problem> Daemon::Reconcile(bool requested) {
+ReconcileResult Daemon::Reconcile(bool requested) {
   DesiredState desired;
-  std::vector<Problem> problems;
+  ReconcileResult result;
   if (requested) {
     options_.source->Invalidate();
     resolver_->Refresh();
   }
   if (!reconciler_) {
-    problems.push_back({Outcome::kFailure, "", "tgtd is not running"});
-  } else if (Load(&desired, &problems)) {
-    Apply(desired, &problems);
+    result.problems.push_back(DaemonProblem("tgtd is not running"));
+  } else if (Load(&desired, &result.problems)) {
+    Apply(desired, &result);
   } else {
     load_failed_ = true;
   }
-  Finish(problems, requested);
-  return problems;
+  Finish(result.problems, requested);
+  return result;
 }
 
 // The cheap periodic check: tgtd is asked nothing unless the desired state, its generation or a
@@ -298,10 +306,10 @@ std::vector<Problem> Daemon::Reconcile(bool requested) {
 void Daemon::Check() {
   if (!reconciler_) return;
   DesiredState desired;
-  std::vector<Problem> problems;
-  if (!Load(&desired, &problems)) {
+  ReconcileResult result;
+  if (!Load(&desired, &result.problems)) {
     load_failed_ = true;
-    Finish(problems, false);
+    Finish(result.problems, false);
     return;
   }
   const uint64_t generation = options_.source->Generation();
@@ -313,8 +321,8 @@ void Daemon::Check() {
     LogInfo("%s: Serving generation %llu of %s\n", kTag,
             static_cast<unsigned long long>(generation), options_.source->Describe().c_str());
   }
-  Apply(desired, &problems);
-  Finish(problems, false);
+  Apply(desired, &result);
+  Finish(result.problems, false);
 }
 
 void Daemon::Watch() {
@@ -337,7 +345,7 @@ void Daemon::Watch() {
 std::vector<Problem> Daemon::Stop() {
   std::vector<Problem> problems;
   std::string error;
-  if (!supervisor_.Stop(&error)) problems.push_back({Outcome::kFailure, "", error});
+  if (!supervisor_.Stop(&error)) problems.push_back(DaemonProblem(error));
   reconciler_.reset();
   // tgtd has closed every disk: let whoever waits to remove one go ahead.
   for (const std::string& path : locker_.Held()) locker_.Unlock(path);
@@ -345,9 +353,9 @@ std::vector<Problem> Daemon::Stop() {
   return problems;
 }
 
-void Daemon::Ready(const std::vector<Problem>& problems) {
+void Daemon::Ready(const CommandReport& report) {
   if (options_.readyFd < 0) return;
-  WriteAll(options_.readyFd, OutcomeReply(problems).dump() + "\n", false);
+  WriteAll(options_.readyFd, CommandReportToJson(report).dump() + "\n", false);
   close(options_.readyFd);
   options_.readyFd = -1;
 }
@@ -362,9 +370,9 @@ json Daemon::StatusReply() {
   status.problems = last_problems_;
   std::string error;
   if (!reconciler_) {
-    status.problems.push_back({Outcome::kFailure, "", "tgtd is not running"});
+    status.problems.push_back(DaemonProblem("tgtd is not running"));
   } else if (!reconciler_->Status(&status, &error)) {
-    status.problems.push_back({Outcome::kFailure, "", error});
+    status.problems.push_back(DaemonProblem(error));
   }
   return {{"code", 0}, {"status", StatusToJson(status)}};
 }
@@ -385,14 +393,14 @@ void Daemon::HandleClient() {
     command.clear();
   }
   if (command == "reload") {
-    reply = OutcomeReply(Reconcile(true));
+    reply = CommandReportToJson(tracker_.Reload(Reconcile(true).problems));
   } else if (command == "status") {
     reply = StatusReply();
   } else if (command == "stop") {
-    reply = OutcomeReply(Stop());
+    reply = CommandReportToJson(FailingReport(Stop()));
     stopping_ = true;
   } else {
-    reply = OutcomeReply({{Outcome::kFailure, "", "unknown request: " + line}});
+    reply = CommandReportToJson(FailingReport({DaemonProblem("unknown request: " + line)}));
   }
   WriteAll(fd, reply.dump() + "\n");
   close(fd);
@@ -408,12 +416,12 @@ int Daemon::Run() {
   if (!Prepare(&problem) || !StartTgtd(&problem)) {
     LogProblems({problem});
     fprintf(stderr, "%s\n", problem.message.c_str());
-    Ready({problem});
+    Ready(FailingReport({problem}));
     return static_cast<int>(problem.code);
   }
   LogInfo("%s: Serving from %s\n", kTag, options_.source->Describe().c_str());
   Watch();
-  Ready(Reconcile(true));
+  Ready(tracker_.Restart(Reconcile(true)));
 
   using Clock = std::chrono::steady_clock;
   const auto interval = std::chrono::milliseconds(std::max(options_.reconcileIntervalMs, 100));

@@ -5,10 +5,12 @@
 // one per state directory), keld.pid, keld.sock (mode 0600), and tgtd's pid file.
 //
 // Protocol on keld.sock: one JSON request line, one JSON reply line, then the connection closes.
-//   {"command":"reload"} -> {"code":N,"problems":[...]}  after the reconcile has finished
+//   {"command":"reload"} -> {"code":N,"problems":[...],"warnings":[...]}  once reconciled
 //   {"command":"status"} -> {"code":0,"status":{...}}     (host/keld_status.h)
-//   {"command":"stop"}   -> {"code":N,"problems":[...]}  after tgtd has stopped; the daemon exits
-// Codes are the Outcome values. Requests are served one at a time, in order.
+//   {"command":"stop"}   -> {"code":N,"problems":[...],"warnings":[]}  after tgtd has stopped; the
+//                           daemon exits
+// Codes are the Outcome values; "problems" are what made the command fail, "warnings" what it
+// found without failing (host/keld_outcome.h). Requests are served one at a time, in order.
 #pragma once
 
 #include <memory>
@@ -37,7 +39,7 @@ struct DaemonOptions {
   // resolved portal differs from what was last applied. Change notifications of the source and
   // the resolver run the check at once.
   int checkIntervalMs = 3000;
-  int readyFd = -1;  // gets {"code":N,"problems":[...]} once started and the state is applied
+  int readyFd = -1;  // gets the restart's report (as a reload's) once the state is applied
   std::string tgtdProgram = "tgtd";
   std::string tgtadmProgram = "tgtadm";
   std::string tgtdSocketDir = "/run/tgtd";

@@ -50,6 +50,7 @@ struct KeldReconciler::Plan {
   std::map<std::string, std::string> secrets;  // every account it needs -> password
   std::vector<std::string> acl;                // initiator names or "ALL"
   std::map<int, const DesiredLun*> luns;       // SCSI LUN -> online LUN
+  int unresolved = 0;                          // portals whose interface gave no address
 };
 
 KeldReconciler::KeldReconciler(TgtAdmin& admin, DiskLocker& locker, PortalResolver& resolver)
@@ -123,6 +124,7 @@ bool KeldReconciler::PlanTarget(const DesiredTarget& d, Plan* plan,
       } else {
         // The target is still served on the portals that work.
         problems->push_back({Outcome::kFailure, d.iqn, error});
+        ++plan->unresolved;
       }
     }
   }
@@ -139,8 +141,7 @@ ReconcileResult KeldReconciler::Apply(const DesiredState& desired) {
   TgtState cur;
   TgtResult shown = admin_.Show(&cur);
   if (!shown.ok()) {
-    result.problems.push_back(
-        {Outcome::kFailure, "", "cannot read tgtd's state: " + shown.message});
+    result.problems.push_back(DaemonProblem("cannot read tgtd's state: " + shown.message));
     return result;
   }
   for (const TgtTarget& t : cur.targets) next_tid_ = std::max(next_tid_, t.tid + 1);
@@ -187,10 +188,19 @@ ReconcileResult KeldReconciler::Apply(const DesiredState& desired) {
   resolver_.KeepAnnouncements(served);
 
   std::map<std::string, ResolvedPortal> portals;
+  std::map<std::string, std::vector<std::string>> users;  // portal text -> IQNs served on it
   for (const Plan& plan : plans) {
-    for (const ResolvedPortal& p : plan.portals) portals.emplace(p.text, p);
+    for (const ResolvedPortal& p : plan.portals) {
+      portals.emplace(p.text, p);
+      AddUnique(users[p.text], plan.target->iqn);
+    }
+    result.portalsWanted += plan.unresolved;
   }
-  ApplyPortals(portals, cur, result);
+  ApplyPortals(portals, users, cur, result);
+  result.portalsWanted += static_cast<int>(portals.size());
+  for (const auto& p : portals) {
+    if (Has(cur.portals, p.first)) ++result.portalsObtained;
+  }
 
   std::set<std::string> failed_accounts;
   for (const auto& a : accounts) {
@@ -259,6 +269,7 @@ ReconcileResult KeldReconciler::Apply(const DesiredState& desired) {
 }
 
 void KeldReconciler::ApplyPortals(const std::map<std::string, ResolvedPortal>& wanted,
+                                  const std::map<std::string, std::vector<std::string>>& users,
                                   TgtState& cur, ReconcileResult& result) {
   for (const auto& w : wanted) {
     const ResolvedPortal& p = w.second;
@@ -273,7 +284,13 @@ void KeldReconciler::ApplyPortals(const std::map<std::string, ResolvedPortal>& w
       if (reason.empty()) reason = r.message;
       std::string message = "portal " + p.text + " cannot be obtained: " + reason;
       LogError("%s: %s\n", kTag, message.c_str());
-      result.problems.push_back({Outcome::kReservation, "", message});
+      // The problem belongs to the targets that listen there; the others are served as usual.
+      auto on = users.find(p.text);
+      for (const std::string& iqn : on != users.end() ? on->second : std::vector<std::string>{}) {
+        Problem problem{Outcome::kReservation, iqn, message};
+        problem.portal = p.text;
+        result.problems.push_back(problem);
+      }
       continue;
     }
     ++result.changes;

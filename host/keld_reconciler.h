@@ -22,7 +22,10 @@
 //  - a grown backing file is re-opened online ("online=0,path=<file>" in one update).
 //
 // Not thread-safe: the daemon calls it from its one thread. Failures never throw; they are
-// returned as problems (Outcome::kReservation for a portal address that cannot be obtained).
+// returned as problems, each with the target it concerns: a portal address that cannot be
+// obtained (Outcome::kReservation) is reported once for every target served on it. Only an
+// unreadable tgtd is daemon-wide; leftovers that cannot be deleted (a portal or account nobody
+// uses) are reported with no target.
 #pragma once
 
 #include <cstdint>
@@ -44,6 +47,10 @@ namespace keld {
 struct ReconcileResult {
   std::vector<Problem> problems;
   int changes = 0;  // tgtadm calls that changed tgtd
+  // The portals of the targets served: how many the desired state names (distinct addresses,
+  // plus each one whose interface gave no address) and how many of them tgtd listens on now.
+  int portalsWanted = 0;
+  int portalsObtained = 0;
 };
 
 // The first portal of the first online target that resolves (to start tgtd with), or false.
@@ -66,7 +73,8 @@ class KeldReconciler {
   struct Plan;
 
   bool PlanTarget(const DesiredTarget& d, Plan* plan, std::vector<Problem>* problems);
-  void ApplyPortals(const std::map<std::string, ResolvedPortal>& wanted, TgtState& cur,
+  void ApplyPortals(const std::map<std::string, ResolvedPortal>& wanted,
+                    const std::map<std::string, std::vector<std::string>>& users, TgtState& cur,
                     ReconcileResult& result);
   bool EnsureAccount(const std::string& user, const std::string& secret, TgtState& cur,
                      ReconcileResult& result);

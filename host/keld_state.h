@@ -13,6 +13,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace kel {
@@ -25,13 +26,30 @@ enum class Outcome : int {
   kFailure = 2,      // anything else
 };
 
-// One thing that went wrong while starting or reconciling. `target` is the IQN it concerns, or
-// empty for daemon-wide problems.
+// One thing that went wrong while starting or reconciling.
 struct Problem {
+  Problem() = default;
+  Problem(Outcome code_in, std::string target_in, std::string message_in)
+      : code(code_in), target(std::move(target_in)), message(std::move(message_in)) {}
+
   Outcome code = Outcome::kFailure;
-  std::string target;
+  std::string target;  // the IQN of the target it concerns; empty when it is no one target's
   std::string message;
+  // keld cannot serve at all (kel.conf unreadable, tgtd not answering, its control index, ...).
+  // Only such problems fail every command; the others are confined to their target or are
+  // housekeeping (a leftover portal or account that could not be deleted), see keld_control.h.
+  bool daemonWide = false;
+  std::string portal;  // "address:port" when the problem is that this portal cannot be obtained
 };
+
+// A daemon-wide problem.
+inline Problem DaemonProblem(const std::string& message, Outcome code = Outcome::kFailure) {
+  Problem p;
+  p.code = code;
+  p.message = message;
+  p.daemonWide = true;
+  return p;
+}
 
 // The exit code for a list of problems: 0 when empty, 1 when every problem is a failed resource
 // reservation, 2 otherwise.

@@ -10,8 +10,11 @@ using nlohmann::json;
 json ProblemsToJson(const std::vector<Problem>& problems) {
   json out = json::array();
   for (const Problem& p : problems) {
-    out.push_back(
-        {{"code", static_cast<int>(p.code)}, {"target", p.target}, {"message", p.message}});
+    out.push_back({{"code", static_cast<int>(p.code)},
+                   {"target", p.target},
+                   {"message", p.message},
+                   {"daemonWide", p.daemonWide},
+                   {"portal", p.portal}});
   }
   return out;
 }
@@ -23,6 +26,8 @@ std::vector<Problem> ProblemsFromJson(const json& j) {
     problem.code = p.at("code").get<int>() == 1 ? Outcome::kReservation : Outcome::kFailure;
     problem.target = p.value("target", "");
     problem.message = p.value("message", "");
+    problem.daemonWide = p.value("daemonWide", false);
+    problem.portal = p.value("portal", "");
     problems.push_back(problem);
   }
   return problems;

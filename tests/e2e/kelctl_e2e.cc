@@ -2,7 +2,10 @@
 // control program, keld makes tgtd serve what kel.conf says, and libiscsi logs in as the
 // initiator. One host (one keld and one tgtd) serves the whole binary on 127.0.0.170; every test
 // makes targets of its own.
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 
 #include <memory>
 #include <nlohmann/json.hpp>
@@ -25,6 +28,30 @@ const char kInitiator[] = "iqn.1994-05.com.example:e2e-initiator";
 const char kOther[] = "iqn.1994-05.com.example:e2e-other";
 const char kMember[] = "iqn.1994-05.com.example:e2e-member";
 const long long kMiB = 1 << 20;
+
+// Another program listening on an address and port, until Close().
+class Squatter {
+ public:
+  Squatter(const std::string& address, int port) {
+    fd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in sa = {};
+    sa.sin_family = AF_INET;
+    sa.sin_port = htons(static_cast<uint16_t>(port));
+    inet_pton(AF_INET, address.c_str(), &sa.sin_addr);
+    listening_ = fd_ >= 0 && bind(fd_, reinterpret_cast<sockaddr*>(&sa), sizeof(sa)) == 0 &&
+                 listen(fd_, 1) == 0;
+  }
+  ~Squatter() { Close(); }
+  bool listening() const { return listening_; }
+  void Close() {
+    if (fd_ >= 0) close(fd_);
+    fd_ = -1;
+  }
+
+ private:
+  int fd_ = -1;
+  bool listening_ = false;
+};
 
 class KelctlE2E : public ::testing::Test {
  protected:
@@ -189,6 +216,58 @@ TEST_F(KelctlE2E, ChangesWithoutALocalReloadAndOwnershipTransfersAreServed) {
   move_to(host_->hostUuid());
   EXPECT_TRUE(Eventually([&] { return I().Lists(iqn, kInitiator); }));
   platform::CloseDirectory();
+}
+
+// One target whose portal address another program holds: the change that asked for it fails,
+// while the other targets' changes go on and keld keeps the problem on record for that target.
+TEST_F(KelctlE2E, ATargetWhosePortalIsTakenFailsOnlyItsOwnChange) {
+  const int port = kel::testing::FreeLoopbackPort(kAddress);
+  const std::string portal = std::string(kAddress) + ":" + std::to_string(port);
+  Squatter squatter(kAddress, port);
+  ASSERT_TRUE(squatter.listening());
+
+  CommandResult r = host_->Kelctl({"target", "add", "--alias", "squatted", "--interface", "nuk0",
+                                   "--port", std::to_string(port)});
+  EXPECT_EQ(r.exit_code, 1);
+  EXPECT_NE(r.err.find("Failed to reload keld (return code 2)"), std::string::npos) << r.err;
+  const std::string squatted =
+      host_->KelctlJson({"target", "show", "--alias", "squatted"}).value("iqn", "");
+  ASSERT_FALSE(squatted.empty()) << "the file was written all the same";
+
+  r = host_->Kelctl({"-v", "--json", "target", "add", "--alias", "beside"});
+  ASSERT_EQ(r.exit_code, 0) << r.err;
+  EXPECT_NE(r.err.find("warning: " + squatted + ": portal " + portal + " cannot be obtained"),
+            std::string::npos)
+      << r.err;
+  const std::string beside = json::parse(r.out).value("iqn", "");
+  Ok({"lun", "add", "--target", "beside", "--size", "4MiB"});
+  EXPECT_EQ(I().Bytes(I().Url(beside, 1), kInitiator), 4 * kMiB);
+
+  auto problems_of = [&](const std::string& iqn) {
+    CommandResult s = host_->Keld({"status", "--json"});
+    EXPECT_EQ(s.exit_code, 0) << s.err;
+    std::vector<json> out;
+    const json status = json::parse(s.out);
+    for (const json& p : status.at("problems")) {
+      if (p.value("target", "") == iqn) out.push_back(p);
+    }
+    return out;
+  };
+  std::vector<json> shown = problems_of(squatted);
+  ASSERT_EQ(shown.size(), 1u);
+  EXPECT_EQ(shown[0].value("portal", ""), portal);
+  EXPECT_EQ(shown[0].value("code", 0), 1);
+  EXPECT_TRUE(problems_of(beside).empty());
+
+  // Once the address is free, the next reload serves the portal and the problem is gone.
+  squatter.Close();
+  r = host_->Keld({"reload"});
+  EXPECT_EQ(r.exit_code, 0) << r.err;
+  EXPECT_EQ(r.err, "");
+  EXPECT_TRUE(problems_of(squatted).empty());
+  EXPECT_TRUE(kel::testing::WaitForPort(kAddress, port, std::chrono::milliseconds(5000)));
+  Ok({"target", "remove", "--alias", "squatted"});
+  Ok({"target", "remove", "--alias", "beside"});
 }
 
 TEST_F(KelctlE2E, DataReadsBackAfterKeldRestartRestoreAndServiceDisableEnable) {

@@ -117,6 +117,31 @@ TEST(KeldProgram, TakenPortalAddressIsAFailedReservationUntilItIsFree) {
   EXPECT_EQ(r.err, "portal " + portal + " cannot be obtained: Address already in use\n");
   EXPECT_TRUE(ProcessAlive(host.KeldPid()));
 
+  // Meanwhile another target is added: served, with a warning about the first one. A reload
+  // that changes the first one fails.
+  const std::string first = "iqn.2024-01.com.example:portal";
+  DesiredState two = OneTarget(host, port, "portal");
+  two.targets.push_back(
+      OneTarget(host, kel::testing::FreeLoopbackPort(address), "beside").targets[0]);
+  host.Write(two);
+  r = host.Keld({"reload"});
+  EXPECT_EQ(r.exit_code, 0);
+  EXPECT_EQ(r.err, "warning: " + first + ": portal " + portal +
+                       " cannot be obtained: Address already in use\n");
+  two.targets[0].alias = "renamed";
+  host.Write(two);
+  r = host.Keld({"reload"});
+  EXPECT_EQ(r.exit_code, 2);
+  EXPECT_EQ(r.err, first + ": portal " + portal + " cannot be obtained: Address already in use\n");
+  CommandResult shown = host.Keld({"status", "--json"});
+  ASSERT_EQ(shown.exit_code, 0) << shown.err;
+  auto problems = nlohmann::json::parse(shown.out)["problems"];
+  ASSERT_EQ(problems.size(), 1u) << shown.out;
+  EXPECT_EQ(problems[0]["target"], first);
+  EXPECT_EQ(problems[0]["portal"], portal);
+  EXPECT_EQ(nlohmann::json::parse(shown.out)["targets"].size(), 2u) << shown.out;
+  host.Write(OneTarget(host, port, "portal"));
+
   close(squatter);
   r = host.Keld({"reload"});
   EXPECT_EQ(r.exit_code, 0) << r.err;

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "host/keld_disk_lock.h"
+#include "host/keld_outcome.h"
 #include "host/keld_portal.h"
 #include "host/testing/tgt_admin_fake.h"
 #include "platform/host_config.h"
@@ -317,6 +318,10 @@ TEST_F(ReconcilerTest, PortalsResolveInterfacesAndReportAddressesThatCannotBeHad
   EXPECT_EQ(r.problems[1].code, Outcome::kReservation);
   EXPECT_NE(r.problems[1].message.find("portal 127.0.0.5:3260 cannot be obtained"),
             std::string::npos);
+  EXPECT_EQ(r.problems[1].target, kA);
+  EXPECT_EQ(r.problems[1].portal, "127.0.0.5:3260");
+  EXPECT_EQ(r.portalsWanted, 3);
+  EXPECT_EQ(r.portalsObtained, 1);
   EXPECT_EQ(OutcomeOf(r.problems), Outcome::kFailure);
   EXPECT_EQ(OutcomeOf({r.problems[1]}), Outcome::kReservation);
   EXPECT_EQ(tgtd_.portals, std::vector<std::string>{"[::1]:3261"});
@@ -407,6 +412,128 @@ TEST_F(ReconcilerTest, InvalidTargetsAreRefusedAndWhatTheyServeIsLeftAlone) {
   EXPECT_EQ(tgtd_.accounts.count("keep-user"), 1u);
   EXPECT_EQ(tgtd_.Find(kB), nullptr);
   EXPECT_EQ(tgtd_.Find(kC), nullptr);
+}
+
+// What a reload or restart reports when one target cannot be served as asked: the reloads of
+// other changes succeed with a warning; the one that changed that target fails.
+TEST_F(ReconcilerTest, ABrokenTargetFailsOnlyTheReloadThatChangedIt) {
+  const std::string broken = "127.0.0.5:3260";
+  ChangeTracker tracker;
+  DesiredState state;
+  state.targets.push_back(MakeTarget(kA, {Disk("a0")}, "nuk0", 3260));
+  state.targets.push_back(MakeTarget(kB, {Disk("b0")}, "nuk0", 3261));
+  tgtd_.unbindablePortals.insert(broken);
+  auto reconcile = [&](uint64_t generation) {
+    ReconcileResult r = rec_.Apply(state);
+    tracker.Applied(state, generation);
+    return r;
+  };
+
+  CommandReport start = tracker.Restart(reconcile(1));
+  EXPECT_EQ(start.code, Outcome::kOk);
+  EXPECT_TRUE(start.failures.empty());
+  ASSERT_EQ(start.warnings.size(), 1u);
+  EXPECT_EQ(start.warnings[0].target, kA);
+  EXPECT_EQ(start.warnings[0].portal, broken);
+
+  // Generation 2 adds C: served, and A's problem is only a warning.
+  state.targets.push_back(MakeTarget(kC, {Disk("c0")}, "nuk0", 3262));
+  CommandReport add = tracker.Reload(reconcile(2).problems);
+  EXPECT_EQ(add.code, Outcome::kOk);
+  EXPECT_TRUE(add.failures.empty());
+  ASSERT_EQ(add.warnings.size(), 1u);
+  EXPECT_EQ(add.warnings[0].target, kA);
+  EXPECT_NE(tgtd_.Find(kC), nullptr);
+
+  // Generation 3 changes A; keld follows it on its own before the reload comes, which must still
+  // report A's problem as the failure of this change.
+  state.targets[0].luns.push_back({1, Disk("a1"), false, "", ""});
+  reconcile(3);
+  CommandReport change = tracker.Reload(reconcile(3).problems);
+  EXPECT_EQ(change.code, Outcome::kFailure);
+  ASSERT_EQ(change.failures.size(), 1u);
+  EXPECT_EQ(change.failures[0].target, kA);
+  EXPECT_TRUE(change.warnings.empty());
+  // Reported once: neither a reload without a write nor the next write that leaves A alone
+  // fails for it again.
+  EXPECT_EQ(tracker.Reload(reconcile(3).problems).code, Outcome::kOk);
+  EXPECT_EQ(tracker.Reload(reconcile(4).problems).code, Outcome::kOk);
+  // Nor a reload after keld followed another host's change of A (generation 5) on its own and
+  // then this host's change of B (generation 6).
+  state.targets[0].alias = "changed elsewhere";
+  reconcile(5);
+  state.targets[1].alias = "changed here";
+  EXPECT_EQ(tracker.Reload(reconcile(6).problems).code, Outcome::kOk);
+
+  // Daemon-wide problems fail every reload, whatever changed.
+  tgtd_.running = false;
+  CommandReport down = tracker.Reload(reconcile(6).problems);
+  tgtd_.running = true;
+  EXPECT_EQ(down.code, Outcome::kFailure);
+  ASSERT_EQ(down.failures.size(), 1u);
+  EXPECT_TRUE(down.failures[0].daemonWide);
+
+  // The report survives the way to the control program.
+  CommandReport back;
+  nlohmann::json j = CommandReportToJson(change);
+  back.failures = ProblemsFromJson(j.at("problems"));
+  EXPECT_EQ(j.at("code"), 2);
+  ASSERT_EQ(back.failures.size(), 1u);
+  EXPECT_EQ(back.failures[0].portal, broken);
+  EXPECT_EQ(back.failures[0].code, Outcome::kReservation);
+  EXPECT_FALSE(back.failures[0].daemonWide);
+
+  // A restart none of whose portals can be had fails as one reservation per address, even when
+  // several targets share it; with one portal that works it would not.
+  state.targets = {MakeTarget(kA, {Disk("a0")}, "nuk0", 3260),
+                   MakeTarget(kB, {Disk("b0")}, "nuk0", 3260)};
+  ReconcileResult none = reconcile(7);
+  EXPECT_EQ(none.problems.size(), 2u) << Messages(none);
+  CommandReport failed = tracker.Restart(none);
+  EXPECT_EQ(failed.code, Outcome::kReservation);
+  ASSERT_EQ(failed.failures.size(), 1u);
+  EXPECT_EQ(failed.failures[0].target, "");
+  EXPECT_EQ(failed.failures[0].portal, broken);
+  EXPECT_TRUE(failed.failures[0].daemonWide);
+  EXPECT_TRUE(failed.warnings.empty());
+  state.targets[1].portals[0].port = 3263;
+  EXPECT_EQ(tracker.Restart(reconcile(8)).code, Outcome::kOk);
+  // Interfaces without an address count as portals that cannot be had, too.
+  state.targets = {MakeTarget(kA, {Disk("a0")}, "nuk9", 3264)};
+  CommandReport nowhere = tracker.Restart(reconcile(9));
+  EXPECT_EQ(nowhere.code, Outcome::kFailure);
+  ASSERT_EQ(nowhere.warnings.size(), 1u);
+  EXPECT_EQ(nowhere.warnings[0].message, "network interface nuk9 not found");
+}
+
+// Without generations (a JSON desired state) every different state is a change of its own.
+TEST(ChangeTracker, WithoutGenerationsTheLatestDifferenceIsTheChange) {
+  DesiredState state;
+  state.targets.push_back(MakeTarget(kA, {"/a0"}));
+  state.targets.push_back(MakeTarget(kB, {"/b0"}));
+  const std::vector<Problem> problems = {{Outcome::kFailure, kA, "a is broken"},
+                                         {Outcome::kFailure, kB, "b is broken"}};
+  ChangeTracker tracker;
+  tracker.Applied(state, 0);
+  EXPECT_EQ(tracker.Restart(ReconcileResult{problems, 0, 0, 0}).code, Outcome::kOk);
+
+  state.targets[0].alias = "first";
+  tracker.Applied(state, 0);
+  state.targets[1].alias = "second";
+  tracker.Applied(state, 0);
+  tracker.Applied(state, 0);  // the reload reads it again
+  CommandReport r = tracker.Reload(problems);
+  ASSERT_EQ(r.failures.size(), 1u);
+  EXPECT_EQ(r.failures[0].target, kB);
+  ASSERT_EQ(r.warnings.size(), 1u);
+  EXPECT_EQ(r.warnings[0].target, kA);
+
+  // A removed target is a change as well.
+  state.targets.pop_back();
+  tracker.Applied(state, 0);
+  r = tracker.Reload(problems);
+  ASSERT_EQ(r.failures.size(), 1u);
+  EXPECT_EQ(r.failures[0].target, kB);
 }
 
 }  // namespace
