@@ -1,7 +1,6 @@
 // Helpers shared by the operation files of the service (private to service/).
 #pragma once
 
-#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -11,20 +10,9 @@ namespace NukCtl {
 namespace Orsa {
 namespace IscsiTarget {
 
-class ConfHandle;
-
 namespace ServiceInternal {
 
 extern const char* const kTag;  // "OrsaIscsiTargetImpl"
-
-// Writes the handle's model with generation + 1 and publishes that generation in the directory,
-// both while the handle still holds the file exclusively, so that a later writer's generation
-// can never be overtaken by this one's. Returns the new generation.
-uint64_t WriteAndPublish(ConfHandle& handle);
-// The rest of the change action, to run once the handle is closed: the local daemon reloads
-// (it reads kel.conf under the shared lock, so it must not be asked while the file is held
-// exclusively) and the cached copy is dropped. A failed reload propagates.
-void ReloadAfterWrite();
 
 // The update parameters that leave a target as it is except for what the caller sets: the
 // current IQN and uuid, every other keep-able field empty, the initiator list complete.

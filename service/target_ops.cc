@@ -8,11 +8,9 @@
 
 #include "conf/conf_handle.h"
 #include "conf/parser_edit.h"
-#include "directory/config_cache.h"
 #include "directory/config_entry.h"
 #include "directory/host_queries.h"
 #include "host/daemon_control.h"
-#include "host/service_state.h"
 #include "host/validation.h"
 #include "placement/affinity.h"
 #include "platform/clock.h"
@@ -41,20 +39,6 @@ using ServiceInternal::kTag;
 namespace ServiceInternal {
 
 const char* const kTag = "OrsaIscsiTargetImpl";
-
-uint64_t WriteAndPublish(ConfHandle& handle) {
-  const uint64_t generation = handle.WriteConfFile();
-  Util::DoActionForConfigChange(generation);
-  return generation;
-}
-
-void ReloadAfterWrite() {
-  ConfigCache::CleanupCachedConfig();
-  // As in Util::ApplyConfigChange: no daemon runs where the service is disabled.
-  bool enabled = false;
-  Util::LoadConfig(enabled);
-  if (enabled) Util::ReloadKeld();
-}
 
 TargetCreateParam KeepParamsOf(const TargetInfo& target) {
   TargetCreateParam param;
@@ -142,19 +126,20 @@ void OrsaIscsiTargetImpl::ApplyTargetUpdate(TargetCreateParam& param, const Targ
   bool policyChanged = false;
   bool written = false;
   try {
-    ConfHandle handle(ConfHandle::kExclusive);
-    Parser::UpdateTargetConf(param, handle);
-    Util::VerifyUpdateTargetAffinity(complianceHandle, param, current);
-    if (!param.storagePolicy.empty()) {
-      Util::VerifyPolicy(param.storagePolicy);
-      kel::platform::ReadObjectPolicy(kel::platform::DatastorePath() + "/" + param.uuid,
-                                      &oldPolicy);
-      Util::UpdateTargetNamespacePolicy(param.uuid, param.storagePolicy);
-      policyChanged = true;
-    }
-    const uint64_t generation = handle.WriteConfFile();
-    written = true;
-    Util::DoActionForConfigChange(generation);
+    Util::ChangeConfFile(
+        [&](ConfHandle& handle) {
+          Parser::UpdateTargetConf(param, handle);
+          Util::VerifyUpdateTargetAffinity(complianceHandle, param, current);
+          if (!param.storagePolicy.empty()) {
+            Util::VerifyPolicy(param.storagePolicy);
+            kel::platform::ReadObjectPolicy(kel::platform::DatastorePath() + "/" + param.uuid,
+                                            &oldPolicy);
+            Util::UpdateTargetNamespacePolicy(param.uuid, param.storagePolicy);
+            policyChanged = true;
+          }
+          return true;
+        },
+        [&written](uint64_t) { written = true; });
   } catch (const OrsaCtlException&) {
     if (policyChanged && !written) {
       // The file keeps the old state, so the namespace object keeps its old policy as well.
@@ -167,7 +152,6 @@ void OrsaIscsiTargetImpl::ApplyTargetUpdate(TargetCreateParam& param, const Targ
     }
     throw;
   }
-  ServiceInternal::ReloadAfterWrite();
 }
 
 void OrsaIscsiTargetImpl::UpdateTargetConfig(TargetCreateParam& param) {
@@ -206,12 +190,10 @@ void OrsaIscsiTargetImpl::RemoveTarget(const std::string& alias) {
   // Offline first: the daemons stop serving the target before its storage goes away.
   TargetCreateParam offline = ServiceInternal::KeepParamsOf(target);
   offline.status = "offline";
-  {
-    ConfHandle handle(ConfHandle::kExclusive);
+  Util::ChangeConfFile([&offline](ConfHandle& handle) {
     Parser::UpdateTargetConf(offline, handle);
-    ServiceInternal::WriteAndPublish(handle);
-  }
-  ServiceInternal::ReloadAfterWrite();
+    return true;
+  });
 
   if (Util::PathExists(Util::GetTargetsDirPath() + "/" + target.uuid)) {
     Util::DeleteTargetNamespace(target.uuid);
