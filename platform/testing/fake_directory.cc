@@ -42,6 +42,12 @@ NUK_ReturnStatus FakeDirectory::Find(const DirQuery& query, std::vector<DirEntry
 
 NUK_ReturnStatus FakeDirectory::Update(const DirEntry& entry, CompletionFn done) {
   if (IsZeroDirUuid(entry.uuid)) return NUK_BAD_PARAM;
+  std::function<void(const DirEntry&)> hook;
+  {
+    std::lock_guard<std::mutex> guard(mu_);
+    hook = updateHook_;
+  }
+  if (hook) hook(entry);
   DirEntry copy = entry;
   if (IsZeroDirUuid(copy.owner)) copy.owner = self_;
   writer_->Post([this, copy, done] {
@@ -183,6 +189,11 @@ void FakeDirectory::RemoveMember(const std::string& uuid) {
 void FakeDirectory::SetGetOwnerHook(std::function<void()> hook) {
   std::lock_guard<std::mutex> guard(mu_);
   getOwnerHook_ = std::move(hook);
+}
+
+void FakeDirectory::SetUpdateHook(std::function<void(const DirEntry&)> hook) {
+  std::lock_guard<std::mutex> guard(mu_);
+  updateHook_ = std::move(hook);
 }
 
 void FakeDirectory::Notify(NUK_ReturnStatus status, const DirEntry* entry) {

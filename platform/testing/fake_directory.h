@@ -47,6 +47,8 @@ class FakeDirectory : public Directory {
   void RemoveMember(const std::string& uuid);
   // Runs inside GetObjectOwner after the record was read (tests hold racing callers there).
   void SetGetOwnerHook(std::function<void()> hook);
+  // Runs at the start of every Update, on the caller's thread (tests hold a publisher there).
+  void SetUpdateHook(std::function<void(const DirEntry&)> hook);
   // Delivers `status` with `entry` to every matching subscription; a null entry delivers
   // NUK_ENTRY_CHANGED to all of them.
   void Notify(NUK_ReturnStatus status, const DirEntry* entry);
@@ -66,6 +68,7 @@ class FakeDirectory : public Directory {
   NUK_ReturnStatus membersResult_ = NUK_OK;      // guarded by mu_
   int updates_ = 0;                              // guarded by mu_
   std::function<void()> getOwnerHook_;           // guarded by mu_
+  std::function<void(const DirEntry&)> updateHook_;  // guarded by mu_
   std::unique_ptr<NotificationHub> hub_;
   std::unique_ptr<SerialExecutor> writer_;
 };

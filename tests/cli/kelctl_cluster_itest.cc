@@ -35,8 +35,8 @@ TEST(KelctlCluster, TargetsAreSeenAndMovedAcrossHosts) {
   TempDir root;
   const platform::HostConfig a = HostOf(root, "host-a", "127.0.0.61", etcd.Endpoint());
   const platform::HostConfig b = HostOf(root, "host-b", "127.0.0.62", etcd.Endpoint());
-  WriteFile(root.Join("a.json"), ServiceEnv::HostConfigJson(a));
-  WriteFile(root.Join("b.json"), ServiceEnv::HostConfigJson(b));
+  WriteHostConfigFile(root.Join("a.json"), a);
+  WriteHostConfigFile(root.Join("b.json"), b);
   Kelctl ka(root.Join("a.json"));
   Kelctl kb(root.Join("b.json"));
 
@@ -76,7 +76,7 @@ TEST(KelctlCluster, TargetsAreSeenAndMovedAcrossHosts) {
   uint64_t published = 0;
   NukCtl::Orsa::IscsiTarget::OrsaIscsiTargetImpl::KelCheckConfigLodexEntry();
   ASSERT_EQ(KeldGetConfigGenNumInLodex(&published), NUK_OK);
-  EXPECT_EQ(published, GenerationOf(ReadFile(a.datastorePath + "/.iSCSI-CONFIG/etc/kel.conf")));
+  EXPECT_EQ(published, ReadModel()->conf_generation);
 
   platform::CloseDirectory();
   platform::SetDirectoryRole(platform::DirectoryRole::kClient);

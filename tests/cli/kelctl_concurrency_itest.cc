@@ -13,11 +13,11 @@ namespace testing {
 namespace {
 
 TEST(KelctlConcurrency, ParallelTargetsAndLunsAllLand) {
-  ServiceEnv env;
+  TestHost env;
   Kelctl k(env);
   ASSERT_EQ(k.Run({"namespace", "create"}).exit_code, 0) << k.transcript();
   ASSERT_EQ(k.Run({"service", "enable"}).exit_code, 0) << k.transcript();
-  const uint64_t start = GenerationOf(env.ConfText());
+  const uint64_t start = env.Generation();
 
   constexpr int kWorkers = 6;
   constexpr int kLunsPerTarget = 2;
@@ -36,7 +36,7 @@ TEST(KelctlConcurrency, ParallelTargetsAndLunsAllLand) {
   for (auto& t : workers) t.join();
   for (const CommandResult& r : results) ASSERT_EQ(r.exit_code, 0) << r.out << r.err;
 
-  EXPECT_EQ(GenerationOf(env.ConfText()), start + results.size());
+  EXPECT_EQ(env.Generation(), start + results.size());
   ConfPtr model = ReadModel();
   for (int w = 0; w < kWorkers; ++w) {
     struct target* t = TargetByAlias(model.get(), "t" + std::to_string(w));

@@ -15,8 +15,7 @@
 
 #include "platform/clog.h"
 #include "platform/log.h"
-#include "tests/conf/conf_file_testutil.h"
-#include "tests/support/test_support.h"
+#include "tests/support/test_host.h"
 
 namespace {
 

@@ -17,12 +17,10 @@
 #include "platform/clock.h"
 #include "platform/clog.h"
 #include "platform/exception.h"
-#include "tests/conf/conf_handle_testutil.h"
-#include "tests/support/test_support.h"
+#include "tests/support/test_host.h"
 
 namespace {
 
-using kel::testing::ConfEnv;
 using NukCtl::Orsa::IscsiTarget::ConfHandle;
 
 int CountGroups(const struct conf* c) {
@@ -69,6 +67,14 @@ class ShortSleepClock : public kel::platform::Clock {
   std::chrono::steady_clock::time_point Now() override { return std::chrono::steady_clock::now(); }
 };
 
+// A host whose kel.conf holds `text`.
+struct ConfEnv : kel::testing::TestHost {
+  explicit ConfEnv(const std::string& text = "generation 1\n") {
+    MakeConfigNamespace();
+    kel::testing::WriteFile(conf_path(), text, 0600);
+  }
+};
+
 class ConfHandleProcesses : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -88,8 +94,7 @@ TEST_F(ConfHandleProcesses, ConcurrentWritersLoseNoEditAndReadersNeverSeeAPartia
   ConfEnv env;
   constexpr int kWriters = 4;
   constexpr int kEdits = 50;
-  std::string stop_file = env.state_dir() + "/stop-readers";
-  mkdir(env.state_dir().c_str(), 0700);
+  std::string stop_file = env.Join("stop-readers");
 
   // A reader: every read must parse, and every file holds exactly one group per generation step.
   std::vector<pid_t> readers;
@@ -144,7 +149,7 @@ TEST_F(ConfHandleProcesses, ConcurrentWritersLoseNoEditAndReadersNeverSeeAPartia
       EXPECT_NE(initiator_group_find(final_read.GetConf(), name.c_str()), nullptr) << name;
     }
   }
-  EXPECT_TRUE(env.Leftovers().empty());
+  EXPECT_TRUE(env.ConfDirLeftovers().empty());
 }
 
 TEST_F(ConfHandleProcesses, WriterKilledAtAnyPointLeavesAFileThatParses) {
@@ -179,7 +184,7 @@ TEST_F(ConfHandleProcesses, WriterKilledAtAnyPointLeavesAFileThatParses) {
     ConfHandle writer(ConfHandle::kExclusive);
     writer.WriteConfFile();
   }
-  EXPECT_TRUE(env.Leftovers().empty());
+  EXPECT_TRUE(env.ConfDirLeftovers().empty());
 }
 
 }  // namespace

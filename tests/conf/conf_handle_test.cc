@@ -13,19 +13,24 @@
 #include "platform/exception.h"
 #include "platform/fio.h"
 #include "platform/log.h"
-#include "tests/conf/conf_file_testutil.h"
-#include "tests/conf/conf_handle_testutil.h"
-#include "tests/support/test_support.h"
+#include "tests/support/test_host.h"
 
 namespace {
 
 using HostCtl::Lib::Orsa::OrsaCtlException;
 using kel::log::LogCapture;
-using kel::testing::ConfEnv;
 using kel::testing::LockHolder;
 using kel::testing::ReadFile;
 using kel::testing::ScriptedClock;
 using NukCtl::Orsa::IscsiTarget::ConfHandle;
+
+// A host whose kel.conf holds `text` (no file when it is empty).
+struct ConfEnv : kel::testing::TestHost {
+  explicit ConfEnv(const std::string& text = "generation 1\n") {
+    MakeConfigNamespace();
+    if (!text.empty()) kel::testing::WriteFile(conf_path(), text, 0600);
+  }
+};
 
 class ConfHandleTest : public ::testing::Test {
  protected:
@@ -77,7 +82,7 @@ TEST_F(ConfHandleTest, WritesRaiseTheGenerationAndKeepTheFileLockedAndPrivate) {
     struct stat st;
     ASSERT_EQ(stat(env.conf_path().c_str(), &st), 0);
     EXPECT_EQ(st.st_mode & 07777, 0600u);
-    EXPECT_TRUE(env.Leftovers().empty());
+    EXPECT_TRUE(env.ConfDirLeftovers().empty());
 
     // Still locked across both swaps: a reader gives up after its (shortened) budget.
     ScriptedClock clock;
@@ -163,7 +168,7 @@ TEST_F(ConfHandleTest, FailedWriteLeavesTheFileAsItWas) {
   }
   EXPECT_EQ(writer.GetCurrentGenerationNum(), 2u);  // raised in memory only
   EXPECT_EQ(ReadFile(env.conf_path()), before);
-  EXPECT_TRUE(env.Leftovers().empty());
+  EXPECT_TRUE(env.ConfDirLeftovers().empty());
   // The handle is still usable once the model is fixed.
   auth_group_delete(ag);
   EXPECT_EQ(writer.WriteConfFile(), 3u);

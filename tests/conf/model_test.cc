@@ -13,7 +13,7 @@
 #include "platform/clog.h"
 #include "platform/exception.h"
 #include "platform/log.h"
-#include "tests/conf/conf_test_util.h"
+#include "tests/support/test_host.h"
 
 using HostCtl::Lib::Orsa::OrsaCtlException;
 using kel::log::LogCapture;

@@ -7,7 +7,7 @@
 #include "conf/conf.h"
 #include "platform/clog.h"
 #include "platform/log.h"
-#include "tests/conf/conf_test_util.h"
+#include "tests/support/test_host.h"
 
 using kel::log::LogCapture;
 using kel::testing::LoadConfText;
@@ -55,6 +55,8 @@ TEST(ConfVerify, LunDefaultsAndSizeRules) {
       {"lun a { path /a; device-type 5; size 3 }\n",
        "invalid size for lun \"a\"; must be multiple of blocksize"},
       {"lun a { size 8 }\n", "missing path for lun \"a\""},
+      {"target iqn.x:t { lun 0 { size 8 } }\n",
+       "missing path for lun \"iqn.x:t,L,0x0000000000000000\""},
       {"lun a { backend ramdisk }\n", "missing size for ramdisk-backed lun \"a\""},
       {"lun a { backend ramdisk; size 8; path /x }\n",
        "path must not be specified for ramdisk-backed lun \"a\""},
@@ -66,7 +68,8 @@ TEST(ConfVerify, LunDefaultsAndSizeRules) {
     LogCapture capture;
     EXPECT_EQ(LoadConfText(f.text), nullptr) << f.text;
     EXPECT_TRUE(capture.Contains("KELD: " + f.message)) << f.text << "\n" << capture.Joined();
-    EXPECT_TRUE(capture.Contains("failed to validate configuration")) << f.text;
+    EXPECT_TRUE(capture.Contains("KELD: failed to validate configuration ")) << f.text;
+    EXPECT_FALSE(capture.Contains("Failed to parse config file")) << "not a syntax error";
   }
 }
 

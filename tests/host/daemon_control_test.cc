@@ -13,15 +13,15 @@
 #include "platform/log.h"
 #include "platform/settings.h"
 #include "platform/testing/fake_command_runner.h"
-#include "tests/conf/conf_handle_testutil.h"
-#include "tests/support/test_support.h"
+#include "tests/support/test_host.h"
 
 namespace {
 
 using HostCtl::Lib::Orsa::OrsaCtlException;
 using kel::log::Level;
 using kel::log::LogCapture;
-using kel::testing::ConfEnv;
+using kel::testing::ErrorOf;
+using kel::testing::TestHost;
 using kel::testing::ReadFile;
 using kel::testing::WriteFile;
 namespace Util = NukCtl::Orsa::IscsiTarget::Util;
@@ -33,83 +33,59 @@ bool HasLine(const LogCapture& capture, Level level, const std::string& text) {
   return false;
 }
 
-std::string ErrorOf(void (*fn)()) {
-  try {
-    fn();
-  } catch (const OrsaCtlException& e) {
-    return e.GetMessage();
-  }
-  return "";
-}
-
 class DaemonControl : public ::testing::Test {
  protected:
   void SetUp() override {
-    env_ = std::make_unique<ConfEnv>(kConf);
-    record_ = env_->state_dir() + "/control.log";
-    code_file_ = env_->state_dir() + "/control.code";
-    script_ = env_->state_dir() + "/control double";  // a blank in the path on purpose
-    mkdir(env_->state_dir().c_str(), 0700);
-    WriteFile(script_,
-              "#!/bin/sh\necho \"$*\" >> '" + record_ + "'\nexit $(cat '" + code_file_ +
-                  "' 2>/dev/null || echo 0)\n",
-              0700);
+    host_.MakeConfigNamespace();
+    WriteFile(host_.conf_path(),
+              "generation 4\nportal-group pg1 {\n\t discovery-auth-group no-authentication\n"
+              "\t listen 127.0.0.1:3261\n}\n");
   }
 
   void UseConfig(const std::string& control, const std::string& firewall) {
-    kel::platform::HostConfig c = *kel::platform::CurrentHostConfig();
-    c.daemonControl = control;
-    c.firewallBackend = firewall;
-    kel::platform::SetCurrentHostConfig(c);
+    if (!control.empty()) host_.config().daemonControl = control;
+    host_.config().firewallBackend = firewall;
+    host_.Apply();
   }
 
-  void ExitWith(int code) { WriteFile(code_file_, std::to_string(code) + "\n"); }
-
-  static constexpr const char* kConf =
-      "generation 4\n"
-      "portal-group pg1 {\n\t discovery-auth-group no-authentication\n\t listen "
-      "127.0.0.1:3261\n}\n";
-
-  std::unique_ptr<ConfEnv> env_;
-  std::string record_, code_file_, script_;
+  TestHost host_;
 };
 
 TEST_F(DaemonControl, CommandLinesAndExitCodes) {
-  UseConfig(kel::platform::ShellQuote(script_), "none");
   LogCapture capture;
-
-  ExitWith(0);
   Util::StartKeld();
   Util::ReloadKeld();
   Util::StopKeld();
-  EXPECT_EQ(ReadFile(record_),
-            "++group=serad-tmp restart\n++group=serad-tmp reload\n++group=serad-tmp io_stop\n");
+  EXPECT_EQ(host_.ControlRuns(),
+            (std::vector<std::string>{"++group=serad-tmp restart", "++group=serad-tmp reload",
+                                      "++group=serad-tmp io_stop"}));
   EXPECT_TRUE(HasLine(capture, Level::kInfo, "Util: Starting keld"));
   EXPECT_TRUE(HasLine(capture, Level::kInfo, "Util: keld started successfully"));
 
-  ExitWith(1);
+  host_.ControlExitsWith(1);
   EXPECT_EQ(ErrorOf(Util::StartKeld), "Failed to reserve keld memory (return code 1)");
-  ExitWith(2);
+  host_.ControlExitsWith(2);
   capture.Clear();
   EXPECT_EQ(ErrorOf(Util::StartKeld), "Failed to start keld (return code 2)");
   EXPECT_TRUE(HasLine(capture, Level::kInfo, "Util: Starting keld"));
   EXPECT_FALSE(capture.Contains("keld started successfully"));
 
-  ExitWith(3);
+  host_.ControlExitsWith(3);
   EXPECT_EQ(ErrorOf(Util::ReloadKeld), "Failed to reload keld (return code 3)");
   EXPECT_TRUE(HasLine(capture, Level::kWarning, "Util: Failed to make keld reload config."));
 
-  ExitWith(4);
+  host_.ControlExitsWith(4);
   EXPECT_EQ(ErrorOf(Util::StopKeld), "");  // stopping only warns
   EXPECT_TRUE(HasLine(capture, Level::kWarning, "Util: Failed to stop keld."));
 
   // A control program that is missing altogether is the shell's 127: a start failure.
-  UseConfig(env_->state_dir() + "/no-such-control", "none");
+  UseConfig(host_.Join("no-such-control"), "none");
   EXPECT_EQ(ErrorOf(Util::StartKeld), "Failed to start keld (return code 127)");
 }
 
 TEST_F(DaemonControl, DefaultControlIsTheInstalledKeld) {
-  UseConfig("", "none");
+  host_.config().daemonControl.clear();
+  host_.Apply();
   std::string control = Util::KeldControlProgram();
   ASSERT_GE(control.size(), 4u);
   EXPECT_EQ(control.substr(control.size() - 4), "keld") << control;
@@ -124,7 +100,7 @@ TEST_F(DaemonControl, DefaultControlIsTheInstalledKeld) {
 TEST_F(DaemonControl, ModuleIsLoadedOnceAndUnloadedAlways) {
   LogCapture capture;
   std::string marker = kel::platform::ModuleMarkerPath("kel");
-  EXPECT_EQ(marker, env_->state_dir() + "/run/module-kel.loaded");
+  EXPECT_EQ(marker, host_.state_dir() + "/run/module-kel.loaded");
   Util::LoadKelKernelModule();
   Util::LoadKelKernelModule();
   EXPECT_EQ(capture.Count("Util: Loading kel module."), 1u);

@@ -12,11 +12,8 @@ namespace testing {
 namespace {
 
 TEST(PluginModule, HostProgramRunsAnOperationThroughTheModule) {
-  ServiceEnv env;
-  {
-    auto svc = NewService();
-    ServiceEnv::Ready(*svc);
-  }
+  TestHost env;
+  Ready(*NewService());
   const std::string config = env.WriteHostConfigFile();
   const std::string host = BinaryDir() + "/tests/kel_plugin_host";
   const std::string module = BinaryDir() + "/service/libkel_plugin.so";
@@ -31,7 +28,7 @@ TEST(PluginModule, HostProgramRunsAnOperationThroughTheModule) {
   EXPECT_NE(r.out.find("version: kel plug-in"), std::string::npos);
   EXPECT_NE(r.out.find("enabled: 1"), std::string::npos);
   EXPECT_NE(r.out.find("groups:\nfrom-plugin\n"), std::string::npos) << r.out;
-  EXPECT_NE(env.ConfText().find("initiator-group from-plugin {"), std::string::npos);
+  EXPECT_NE(ReadFile(env.conf_path()).find("initiator-group from-plugin {"), std::string::npos);
 
   // A refusal crosses the module boundary as the service's message.
   r = RunCommand({host, module, "iqn.not-a-group"}, "", childEnv);

@@ -22,15 +22,6 @@ constexpr const char* kOtherHost = "0a0b0c0d-0e0f-4a1b-8c2d-3e4f5a6b7c8d";
 constexpr const char* kNonPreferredPolicy = "((\"locality\" \"NonPreferred\"))";
 constexpr const char* kPreferredPolicy = "((\"locality\" \"Preferred\"))";
 
-platform::MemberRecord Member(const std::string& uuid, const std::string& name,
-                              const std::string& site) {
-  platform::MemberRecord m;
-  m.uuid = uuid;
-  m.name = name;
-  m.site = site;
-  return m;
-}
-
 class ServiceCluster : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -38,15 +29,8 @@ class ServiceCluster : public ::testing::Test {
     directory_->SetMember(Member(kHostUuid, "host-a", "Preferred"));
     platform::SetDirectoryForTest(directory_);
   }
-  void TearDown() override { platform::SetDirectoryForTest(nullptr); }
 
-  void SetStretchedSwitch(int value) {
-    platform::HostConfig c = *platform::CurrentHostConfig();
-    c.options["ORSA"]["KelStretchedCluster"] = value;
-    platform::SetCurrentHostConfig(c);
-  }
-
-  ServiceEnv env_;
+  TestHost host_;
   std::shared_ptr<platform::FakeDirectory> directory_;
 };
 
@@ -69,7 +53,7 @@ TEST_F(ServiceCluster, WhetherAffinityMayBeUsed) {
   EXPECT_TRUE(Kel::Util::ValidateSiteAffinity());
 
   // The switch is looked at first, whatever the cluster looks like.
-  SetStretchedSwitch(0);
+  host_.SetOption("ORSA", "KelStretchedCluster", 0);
   directory_->SetMembersResult(NUK_DIRECTORY_NOT_RUNNING);
   EXPECT_EQ(ErrorOf([] { Kel::Util::ValidateSiteAffinity(); }),
             "KEL support stretched cluster is disabled");
@@ -112,11 +96,9 @@ TEST_F(ServiceCluster, SiteAndPolicyLocalityMustAgree) {
 TEST_F(ServiceCluster, TargetsMoveToAnotherHostAndLeaveTheLocalList) {
   directory_->SetMember(Member(kOtherHost, "host-b", "Preferred"));
   auto svc = NewService();
-  ServiceEnv::Ready(*svc);
-  TargetCreateParam a = NewTarget("a");
-  svc->AddTarget(a);
-  TargetCreateParam b = NewTarget("b");
-  svc->AddTarget(b);
+  Ready(*svc);
+  const TargetCreateParam a = AddTarget(*svc, "a");
+  AddTarget(*svc, "b");
   ASSERT_EQ(svc->GetTargets(true, true).size(), 2u);
 
   platform::ScopedFakeClock clock;

@@ -137,51 +137,5 @@ bool EtcdServer::Compact(int64_t revision) {
                      &reply) == NUK_OK;
 }
 
-platform::HostConfig MakeTestHostConfig(const std::string& root, const std::string& name,
-                                        const std::string& endpoint, const std::string& prefix,
-                                        int leaseTtl) {
-  platform::HostConfig c;
-  c.hostUuid = platform::DirUuidToText(platform::RandomDirUuid());
-  c.hostName = name;
-  c.stateDir = root + "/" + name;
-  c.datastorePath = root + "/datastore";
-  if (!endpoint.empty()) {
-    c.directoryBackend = "etcd";
-    c.etcdEndpoints = {endpoint};
-    c.etcdPrefix = prefix.empty() ? "/kel/test" : prefix;
-    c.leaseTtlSeconds = leaseTtl;
-  }
-  return c;
-}
-
-void WriteHostConfigFile(const std::string& path, const platform::HostConfig& c) {
-  nlohmann::json doc;
-  doc["host"] = {{"uuid", c.hostUuid}, {"name", c.hostName}, {"site", c.hostSite}};
-  doc["stateDir"] = c.stateDir;
-  doc["datastore"] = {{"path", c.datastorePath}};
-  if (c.directoryBackend == "etcd") {
-    doc["directory"] = {{"backend", "etcd"},
-                        {"endpoints", c.etcdEndpoints},
-                        {"prefix", c.etcdPrefix},
-                        {"leaseTtlSeconds", c.leaseTtlSeconds}};
-  } else {
-    doc["directory"] = {{"backend", "embedded"}};
-  }
-  if (c.networkOverride) {
-    nlohmann::json ifs = nlohmann::json::object();
-    for (const auto& kv : c.interfaces) {
-      ifs[kv.first] = {{"ipv4", kv.second.ipv4}, {"ipv6", kv.second.ipv6}};
-    }
-    doc["network"] = {{"interfaces", ifs}};
-  }
-  nlohmann::json options = nlohmann::json::object();
-  for (const auto& g : c.options) {
-    for (const auto& f : g.second) options[g.first][f.first] = f.second;
-  }
-  doc["options"] = options;
-  doc["productEnabled"] = c.productEnabled;
-  WriteFile(path, doc.dump(2), 0644);
-}
-
 }  // namespace testing
 }  // namespace kel

@@ -8,7 +8,7 @@
 #include <memory>
 #include <string>
 
-#include "platform/host_config.h"
+#include "tests/support/test_host.h"
 #include "tests/support/test_support.h"
 
 namespace kel {
@@ -47,14 +47,6 @@ class EtcdServer {
   int clientPort_ = 0;
   int peerPort_ = 0;
 };
-
-// A host configuration for tests: `stateDir` and datastore under `root`, a fresh host uuid, and
-// either the embedded directory or etcd at `endpoint` with `prefix` and `leaseTtl`.
-platform::HostConfig MakeTestHostConfig(const std::string& root, const std::string& name,
-                                        const std::string& endpoint = "",
-                                        const std::string& prefix = "", int leaseTtl = 10);
-// The same configuration as a host configuration file (JSON) at `path`.
-void WriteHostConfigFile(const std::string& path, const platform::HostConfig& config);
 
 }  // namespace testing
 }  // namespace kel

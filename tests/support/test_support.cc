@@ -10,6 +10,7 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -144,6 +145,22 @@ std::string Sha256OfFile(const std::string& path) {
   return out;
 }
 
+uint64_t FileSize(const std::string& path) {
+  struct stat st;
+  return stat(path.c_str(), &st) == 0 ? static_cast<uint64_t>(st.st_size) : 0;
+}
+
+uint64_t AllocatedBytes(const std::string& path) {
+  struct stat st;
+  return stat(path.c_str(), &st) == 0 ? static_cast<uint64_t>(st.st_blocks) * 512u : 0;
+}
+
+std::string XattrOf(const std::string& path, const std::string& name) {
+  char buf[256];
+  ssize_t n = getxattr(path.c_str(), name.c_str(), buf, sizeof(buf));
+  return n < 0 ? std::string() : std::string(buf, static_cast<size_t>(n));
+}
+
 std::string TreeDigest(const std::string& dir) {
   std::string acc;
   DigestTree(dir, "", acc);
@@ -255,6 +272,52 @@ void ChildProcess::Kill() {
   int status;
   waitpid(pid_, &status, 0);
   pid_ = -1;
+}
+
+LockHolder::LockHolder(const std::string& path, bool exclusive) {
+  int ready[2], release[2];
+  if (pipe(ready) != 0) return;
+  if (pipe(release) != 0) {
+    close(ready[0]);
+    close(ready[1]);
+    return;
+  }
+  pid_ = fork();
+  if (pid_ == 0) {  // nothing but system calls until _exit
+    close(ready[0]);
+    close(release[1]);
+    int fd = open(path.c_str(), exclusive ? O_RDWR : O_RDONLY);
+    struct flock fl;
+    memset(&fl, 0, sizeof(fl));
+    fl.l_type = exclusive ? F_WRLCK : F_RDLCK;
+    char ok = (fd >= 0 && fcntl(fd, F_OFD_SETLK, &fl) == 0) ? 'y' : 'n';
+    if (write(ready[1], &ok, 1) != 1) _exit(2);
+    char c;
+    while (read(release[0], &c, 1) < 0) {
+    }
+    _exit(0);
+  }
+  close(ready[1]);
+  close(release[0]);
+  release_fd_ = release[1];
+  char ok = 'n';
+  if (pid_ > 0 && read(ready[0], &ok, 1) == 1) locked_ = ok == 'y';
+  close(ready[0]);
+}
+
+void LockHolder::Release() {
+  if (release_fd_ >= 0) {
+    char c = 'x';
+    if (write(release_fd_, &c, 1) != 1 && pid_ > 0) kill(pid_, SIGKILL);
+    close(release_fd_);
+    release_fd_ = -1;
+  }
+  if (pid_ > 0) {
+    int status;
+    waitpid(pid_, &status, 0);
+    pid_ = -1;
+  }
+  locked_ = false;
 }
 
 CommandResult RunCommand(const std::vector<std::string>& argv, const std::string& stdin_text,

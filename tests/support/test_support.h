@@ -5,6 +5,7 @@
 #include <sys/types.h>
 
 #include <chrono>
+#include <cstdint>
 #include <map>
 #include <string>
 #include <vector>
@@ -30,6 +31,9 @@ std::string ReadFile(const std::string& path);                 // throws std::ru
 void WriteFile(const std::string& path, const std::string& text, int mode = 0600);
 bool PathExists(const std::string& path);
 std::string Sha256OfFile(const std::string& path);             // hex; "" when unreadable
+uint64_t FileSize(const std::string& path);                    // 0 when missing
+uint64_t AllocatedBytes(const std::string& path);              // blocks on disk, in bytes
+std::string XattrOf(const std::string& path, const std::string& name);  // "" when unset
 // Digest of every regular file, link and directory below `dir` (names, modes, contents).
 std::string TreeDigest(const std::string& dir);
 
@@ -62,6 +66,23 @@ class ChildProcess {
 
  private:
   pid_t pid_ = -1;
+};
+
+// A child process holding an OFD lock (shared or exclusive) on `path`, as another host serving
+// the file would, until Release() or destruction. locked() says whether it got the lock.
+class LockHolder {
+ public:
+  LockHolder(const std::string& path, bool exclusive);
+  ~LockHolder() { Release(); }
+  LockHolder(const LockHolder&) = delete;
+  LockHolder& operator=(const LockHolder&) = delete;
+  bool locked() const { return locked_; }
+  void Release();  // lets the child drop its lock and exit; waits for it
+
+ private:
+  pid_t pid_ = -1;
+  int release_fd_ = -1;
+  bool locked_ = false;
 };
 
 // Runs a command, waits for it, returns its exit code (-1 on failure) and captures its output.
