@@ -17,6 +17,7 @@
 #include "directory/config_entry.h"
 #include "directory/host_queries.h"
 #include "directory/interface_publication.h"
+#include "platform/clog.h"
 #include "platform/directory_etcd.h"
 #include "platform/log.h"
 #include "tests/directory/directory_test_env.h"

@@ -338,7 +338,9 @@ TEST_F(EtcdDirectoryTest, ShortLivedClientsBorrowWhicheverLeaseKeepsTheHostAlive
     auto kelctl = Open(h, DirectoryRole::kClient);
     EXPECT_EQ(kelctl->LeaseId(), keldLease);
     EXPECT_FALSE(kelctl->OwnsLease());
-    if (run == 0) ASSERT_EQ(Put(*kelctl, byClient), NUK_OK);
+    if (run == 0) {
+      ASSERT_EQ(Put(*kelctl, byClient), NUK_OK);
+    }
   }
   std::this_thread::sleep_for(std::chrono::milliseconds(3500));  // longer than the TTL
   EXPECT_EQ(MemberLease(*observer, h.hostUuid), keldLease) << "kelctl's exit kept the record";
