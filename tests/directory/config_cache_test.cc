@@ -25,16 +25,6 @@ std::vector<std::string> Aliases() {
   return out;
 }
 
-template <typename Pred>
-bool Eventually(Pred pred) {
-  auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-  while (std::chrono::steady_clock::now() < deadline) {
-    if (pred()) return true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  }
-  return pred();
-}
-
 class ConfigCacheTest : public ::testing::Test {
  protected:
   void SetUp() override { env_.WriteConf(1, {"t1"}); }
@@ -74,7 +64,7 @@ TEST_F(ConfigCacheTest, ANotificationMakesTheNextReadTakeTheNewFile) {
   env_.WriteConf(2, {"t1", "t2"});
   EXPECT_EQ(Aliases(), std::vector<std::string>{"t1"}) << "not yet notified";
   Util::DoActionForConfigChange(2);
-  ASSERT_TRUE(Eventually([] { return ConfigCache::IsKelConfDirty(); }));
+  ASSERT_TRUE(kel::testing::Eventually([] { return ConfigCache::IsKelConfDirty(); }));
   EXPECT_TRUE(ConfigCache::GetKelConfLodexEntryExists(true));
   EXPECT_EQ(Aliases(), (std::vector<std::string>{"t1", "t2"}));
   EXPECT_FALSE(ConfigCache::IsKelConfDirty()) << "installing the fresh copy clears the flag";
@@ -117,8 +107,7 @@ TEST_F(ConfigCacheTest, ReloadKeepsTheDirtyFlagAndAFailedReloadLeavesNoCopy) {
   EXPECT_EQ(ConfigCache::GetCachedConfGenNumber(), 1u);
   EXPECT_TRUE(ConfigCache::IsKelConfDirty()) << "only a getter's install clears the flag";
 
-  kel::testing::WriteFile(NukCtl::Orsa::IscsiTarget::Util::GetConfFilePath(),
-                          "generation 2\ntarget {{{\n", 0600);
+  kel::testing::WriteFile(env_.conf_path(), "generation 2\ntarget {{{\n", 0600);
   ConfigCache::UpdateKelConfigCache(nullptr);
   EXPECT_TRUE(capture.Contains("KelConfigCache: Failed to update the config cache due to: "));
   EXPECT_EQ(ConfigCache::GetCachedConfGenNumber(), UINT64_MAX);
@@ -145,7 +134,7 @@ TEST_F(ConfigCacheTest, RefreshRuleKeepsItsAllOnesQuirk) {
 }
 
 TEST_F(ConfigCacheTest, AFailedSubscriptionLeavesTheProcessUnsubscribed) {
-  unlink((env_.config().datastorePath + "/.iSCSI-CONFIG").c_str());
+  unlink(env_.DatastoreJoin(".iSCSI-CONFIG").c_str());
   try {
     ConfigCache::SubscribeLodex();
     FAIL() << "expected a throw";

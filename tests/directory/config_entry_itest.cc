@@ -27,15 +27,6 @@ using kel::platform::EtcdDirectory;
 using kel::platform::HostConfig;
 using kel::testing::DirTestEnv;
 
-bool Eventually(const std::function<bool()>& done) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-  while (!done()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(2));
-  }
-  return true;
-}
-
 // Publishes the configuration entry of `entry.uuid` with rising generations, as fast as the
 // directory confirms them, until stopped.
 class Publisher {
@@ -67,16 +58,7 @@ class Publisher {
         return;
       }
       entry.data.assign(reinterpret_cast<const char*>(buffer), length);
-      std::mutex mu;
-      std::condition_variable cv;
-      bool done = false;
-      directory_->Update(entry, [&](NUK_ReturnStatus) {
-        std::lock_guard<std::mutex> guard(mu);
-        done = true;
-        cv.notify_all();
-      });
-      std::unique_lock<std::mutex> lock(mu);
-      cv.wait(lock, [&] { return done; });
+      kel::testing::UpdateAndWait(*directory_, entry);
       published_ = gen;
     }
   }
@@ -113,7 +95,8 @@ TEST(ConfigEntryCluster, AProgramKeepingTheSubscriptionClosesCleanlyWhileNotific
       SCOPED_TRACE("cycle " + std::to_string(cycle));
       ConfigCache::SubscribeLodex();
       ConfigCache::SetKelConfDirty(false);
-      ASSERT_TRUE(Eventually([] { return ConfigCache::IsKelConfDirty(); }));
+      ASSERT_TRUE(kel::testing::Eventually([] { return ConfigCache::IsKelConfDirty(); },
+                                          std::chrono::seconds(20)));
       ConfigCache::UnsubscribeLodex();
       kel::platform::CloseDirectory();
       std::vector<kel::platform::MemberRecord> members;

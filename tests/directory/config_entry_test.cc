@@ -158,7 +158,7 @@ TEST_F(ConfigEntryTest, ChangeActionPublishesWarnsOnExistsAndThrowsOtherwise) {
   EXPECT_TRUE(capture.Contains("KELD: Failed to update KEL config entry: I/O error"));
 
   // Without a configuration namespace there is nothing to key the entry by.
-  unlink((env_.config().datastorePath + "/.iSCSI-CONFIG").c_str());
+  unlink(env_.DatastoreJoin(".iSCSI-CONFIG").c_str());
   int before = fake->UpdateCount();
   EXPECT_THROW(Util::DoActionForConfigChange(6), OrsaCtlException);
   EXPECT_EQ(fake->UpdateCount(), before);
@@ -241,18 +241,7 @@ TEST_F(ConfigEntryTest, CallbackBranchesForwardAsTheStatusRequires) {
   garbage.uuid = NamespaceUuid(env_);
   garbage.type = 37;
   garbage.data = "not a structure";
-  std::mutex mu;
-  std::condition_variable cv;
-  bool written = false;
-  kel::platform::GetDirectory()->Update(garbage, [&](NUK_ReturnStatus) {
-    std::lock_guard<std::mutex> guard(mu);
-    written = true;
-    cv.notify_all();
-  });
-  {
-    std::unique_lock<std::mutex> lock(mu);
-    cv.wait(lock, [&] { return written; });
-  }
+  ASSERT_EQ(kel::testing::UpdateAndWait(*kel::platform::GetDirectory(), garbage), NUK_OK);
   EXPECT_EQ(KeldLodexConfUpdateCb(query, nullptr, -1, NUK_ENTRY_CHANGED), NUK_OK);
   EXPECT_TRUE(capture.Contains("KELD: Can't unmarshal KEL config entry from LODEX"));
   EXPECT_EQ(forwarded_.Count(), 2u);

@@ -13,7 +13,7 @@
 #include "platform/exception.h"
 #include "platform/host_config.h"
 #include "platform/status.h"
-#include "tests/directory/extraction_testutil.h"
+#include "tests/support/test_host.h"
 
 namespace {
 
@@ -22,10 +22,10 @@ using HostCtl::Orsa::IscsiTarget::DefaultInfo;
 using HostCtl::Orsa::IscsiTarget::InitiatorgroupInfo;
 using HostCtl::Orsa::IscsiTarget::LunInfo;
 using HostCtl::Orsa::IscsiTarget::TargetInfo;
-using kel::testing::ParseConfText;
+using kel::testing::ErrorOf;
+using kel::testing::HasFields;
+using kel::testing::LoadConfText;
 namespace Kel = NukCtl::Orsa::IscsiTarget;
-
-const char kUuid1[] = "0f8e7d6c-5b4a-4392-8170-6f5e4d3c2b1a";
 
 // A file as the writer produces it, plus a few constructs only the grammar knows.
 const char kConf[] = R"(generation 7
@@ -116,9 +116,8 @@ class ExtractionTest : public ::testing::Test {
 };
 
 TEST_F(ExtractionTest, TargetsWithTheirLunsAuthAndPortals) {
-  std::string log;
-  auto conf = ParseConfText(kConf, &log);
-  ASSERT_TRUE(conf) << log;
+  auto conf = LoadConfText(kConf);
+  ASSERT_TRUE(conf);
   // The grammar refuses a service name as port; a model may still hold one (a port that is not
   // a number reads as 0).
   struct portal* odd = TAILQ_FIRST(&portal_group_find(conf.get(), "pg-odd")->pg_portals);
@@ -129,131 +128,82 @@ TEST_F(ExtractionTest, TargetsWithTheirLunsAuthAndPortals) {
   ASSERT_EQ(targets.size(), 5u);
 
   const TargetInfo& t1 = targets[0];
-  EXPECT_EQ(t1.alias, "Target One");
-  EXPECT_EQ(t1.iqn, "iqn.2024-01.com.example:t1");
-  EXPECT_EQ(t1.uuid, kUuid1);
-  EXPECT_EQ(t1.ownerId, "11112222-3333-4444-5555-666677778888");
-  EXPECT_EQ(t1.affinitySite, "Preferred");
-  EXPECT_EQ(t1.networkInterface, "nuk1");
-  EXPECT_EQ(t1.port, 3261);
-  EXPECT_EQ(t1.authType, "CHAP-Mutual");
-  EXPECT_EQ(t1.chapName, "u1");
-  EXPECT_EQ(t1.mutualChapName, "m1");
-  EXPECT_EQ(t1.initiators, (std::vector<std::string>{"iqn.1998-01.com.example:solo",
-                                                     "eui.2020-01.com.example:e1"}));
-  EXPECT_EQ(t1.initiatorGroups, (std::vector<std::string>{"grpA", "grpB"}));
-  EXPECT_FALSE(t1.policyCompliant);
-
-  // Slot 2 before slot 7, whatever the file order.
+  EXPECT_TRUE(HasFields(t1, R"({"alias": "Target One", "iqn": "iqn.2024-01.com.example:t1",
+      "uuid": "0f8e7d6c-5b4a-4392-8170-6f5e4d3c2b1a",
+      "ownerId": "11112222-3333-4444-5555-666677778888", "affinitySite": "Preferred",
+      "networkInterface": "nuk1", "port": 3261, "authType": "CHAP-Mutual", "chapName": "u1",
+      "mutualChapName": "m1", "policyCompliant": false,
+      "initiators": ["iqn.1998-01.com.example:solo", "eui.2020-01.com.example:e1"],
+      "initiatorGroups": ["grpA", "grpB"]})"));
+  // Slot 2 before slot 7, whatever the file order; 2097151 sectors are one short of 1 GiB.
   ASSERT_EQ(t1.luns.size(), 2u);
-  const LunInfo& l2 = t1.luns[0];
-  const LunInfo& l7 = t1.luns[1];
-  EXPECT_EQ(l2.id, 2);
-  EXPECT_EQ(l2.status, "offline");
-  EXPECT_EQ(l2.alias, "");
-  EXPECT_EQ(l2.sizeMiB, 1u);
-  EXPECT_EQ(l7.id, 7);
-  EXPECT_EQ(l7.path,
-            std::string("/vol/ds1/") + kUuid1 + "/aaaa0000-0000-0000-0000-000000000007.pemo");
-  EXPECT_EQ(l7.uuid, "aaaa0000-0000-0000-0000-000000000007");
-  EXPECT_EQ(l7.sizeMiB, 1023u);  // one sector short of 1 GiB
-  EXPECT_EQ(l7.alias, "disk seven");
-  EXPECT_EQ(l7.status, "online");
-  EXPECT_EQ(l7.naa, "6000C29A1B2C3D4E5F60718293A4B5C6");
-  EXPECT_EQ(l7.targetAlias, "Target One");
-  EXPECT_TRUE(l7.inConfig);
-  EXPECT_FALSE(l7.policyCompliant);
-
+  EXPECT_TRUE(HasFields(t1.luns[0], R"({"id": 2, "status": "offline", "alias": "",
+      "sizeMiB": 1})"));
+  EXPECT_TRUE(HasFields(t1.luns[1], R"({"id": 7, "uuid": "aaaa0000-0000-0000-0000-000000000007",
+      "path": "/vol/ds1/0f8e7d6c-5b4a-4392-8170-6f5e4d3c2b1a/aaaa0000-0000-0000-0000-000000000007.pemo",
+      "sizeMiB": 1023, "alias": "disk seven", "status": "online", "targetAlias": "Target One",
+      "naa": "6000C29A1B2C3D4E5F60718293A4B5C6", "inConfig": true, "policyCompliant": false})"));
   // CHAP reports only the first user.
-  const TargetInfo& t2 = targets[1];
-  EXPECT_EQ(t2.networkInterface, "nuk1");
-  EXPECT_EQ(t2.port, 0);
-  EXPECT_EQ(t2.authType, "CHAP");
-  EXPECT_EQ(t2.chapName, "u2");
-  EXPECT_EQ(t2.mutualChapName, "");
-
+  EXPECT_TRUE(HasFields(targets[1], R"({"networkInterface": "nuk1", "port": 0,
+      "authType": "CHAP", "chapName": "u2", "mutualChapName": ""})"));
   // No portal-group line: verification links the target to "default", whose first portal counts.
-  EXPECT_EQ(targets[2].networkInterface, "nuk0");
-  EXPECT_EQ(targets[2].port, 3260);
-
-  EXPECT_EQ(targets[3].authType, "None");  // deny
-  EXPECT_EQ(targets[3].chapName, "");
-  EXPECT_EQ(targets[4].authType, "No-Authentication");
-  EXPECT_EQ(targets[4].chapName, "");
+  EXPECT_TRUE(HasFields(targets[2], R"({"networkInterface": "nuk0", "port": 3260})"));
+  EXPECT_TRUE(HasFields(targets[3], R"({"authType": "None", "chapName": ""})"));  // deny
+  EXPECT_TRUE(HasFields(targets[4], R"({"authType": "No-Authentication", "chapName": ""})"));
 
   // A chap-mutual credential in a group whose type reads as CHAP yields no mutual name; an
   // unknown type reads as "None" with no user.
   conf->conf_targets.tqh_first->t_auth_group->ag_type = AG_TYPE_CHAP;
   Kel::_GetTargetInfos(conf.get(), targets);
-  EXPECT_EQ(targets[0].authType, "CHAP");
-  EXPECT_EQ(targets[0].chapName, "u1");
-  EXPECT_EQ(targets[0].mutualChapName, "");
+  EXPECT_TRUE(HasFields(targets[0], R"({"authType": "CHAP", "chapName": "u1",
+      "mutualChapName": ""})"));
   conf->conf_targets.tqh_first->t_auth_group->ag_type = AG_TYPE_UNKNOWN;
   Kel::_GetTargetInfos(conf.get(), targets);
-  EXPECT_EQ(targets[0].authType, "None");
-  EXPECT_EQ(targets[0].chapName, "");
+  EXPECT_TRUE(HasFields(targets[0], R"({"authType": "None", "chapName": ""})"));
 }
 
 TEST_F(ExtractionTest, InitiatorGroupsWithReferencingTargets) {
-  std::string log;
-  auto conf = ParseConfText(kConf, &log);
-  ASSERT_TRUE(conf) << log;
+  auto conf = LoadConfText(kConf);
+  ASSERT_TRUE(conf);
   std::vector<InitiatorgroupInfo> groups(1);  // appended to, not emptied
   groups[0].name = "earlier";
   Kel::_GetInitiatorGroupInfos(conf.get(), groups);
-  ASSERT_EQ(groups.size(), 3u);
-  EXPECT_EQ(groups[0].name, "earlier");
-  EXPECT_EQ(groups[1].name, "grpA");
-  EXPECT_EQ(groups[1].initiators,
-            (std::vector<std::string>{"iqn.1998-01.com.example:h1", "iqn.1998-01.com.example:h2"}));
   // t1 and t3 share the alias "Target One": the first target in file order wins.
-  const std::map<std::string, std::string> a_targets = {
-      {"Target One", "iqn.2024-01.com.example:t1"}, {"Target Two", "iqn.2024-01.com.example:t2"}};
-  EXPECT_EQ(groups[1].targets, a_targets);
-  EXPECT_EQ(groups[2].name, "grpB");
-  EXPECT_TRUE(groups[2].initiators.empty());
-  const std::map<std::string, std::string> b_targets = {
-      {"Target One", "iqn.2024-01.com.example:t1"}};
-  EXPECT_EQ(groups[2].targets, b_targets);
+  EXPECT_EQ(nlohmann::json(groups), nlohmann::json::parse(R"([
+      {"name": "earlier", "initiators": [], "targets": {}},
+      {"name": "grpA", "initiators": ["iqn.1998-01.com.example:h1", "iqn.1998-01.com.example:h2"],
+       "targets": {"Target One": "iqn.2024-01.com.example:t1",
+                   "Target Two": "iqn.2024-01.com.example:t2"}},
+      {"name": "grpB", "initiators": [],
+       "targets": {"Target One": "iqn.2024-01.com.example:t1"}}])"));
 }
 
 TEST_F(ExtractionTest, DefaultsAndInterfacesInUse) {
-  std::string log;
-  auto conf = ParseConfText(kConf, &log);
-  ASSERT_TRUE(conf) << log;
-  DefaultInfo d = Kel::GetConfigInfoFromConf(conf.get(), false);
-  EXPECT_EQ(d.authType, "CHAP");
-  EXPECT_EQ(d.chapName, "defuser");
-  EXPECT_EQ(d.chapSecret, "");
-  EXPECT_EQ(d.mutualChapName, "");
-  // The last portal of the "default" group wins.
-  EXPECT_EQ(d.networkInterface, "nuk2");
-  EXPECT_EQ(d.port, 3270);
-  d = Kel::GetConfigInfoFromConf(conf.get(), true);
-  EXPECT_EQ(d.chapSecret, "Defsecret12#x");
+  auto conf = LoadConfText(kConf);
+  ASSERT_TRUE(conf);
+  // The last portal of the "default" group wins; secrets only when asked for.
+  EXPECT_TRUE(HasFields(Kel::GetConfigInfoFromConf(conf.get(), false),
+                        R"({"authType": "CHAP", "chapName": "defuser", "chapSecret": "",
+                            "mutualChapName": "", "networkInterface": "nuk2", "port": 3270})"));
+  EXPECT_EQ(Kel::GetConfigInfoFromConf(conf.get(), true).chapSecret, "Defsecret12#x");
 
   std::set<std::string> nics = {"stale"};
   Kel::GetIscsiNuknicsFromConf(conf.get(), nics);
   EXPECT_EQ(nics, (std::set<std::string>{"nuk0", "nuk1", "nuk2"}));
 
-  // A chap-mutual default: both names; secrets only when asked for.
-  auto mutual = ParseConfText(
+  // A chap-mutual default: both names. A declared "default" portal group without listen lines
+  // leaves the interface empty and the port at 3260.
+  auto mutual = LoadConfText(
       "auth-group default {\n chap-mutual \"du\" \"RGVmc2VjcmV0MTIjeA==\" \"dm\" "
       "\"TXV0dWFsOXNlY3JldCQ=\"\n}\nportal-group default {\n discovery-auth-group "
       "no-authentication\n}\n");
   ASSERT_TRUE(mutual);
-  d = Kel::GetConfigInfoFromConf(mutual.get(), false);
-  EXPECT_EQ(d.authType, "CHAP-Mutual");
-  EXPECT_EQ(d.chapName, "du");
-  EXPECT_EQ(d.mutualChapName, "dm");
-  EXPECT_EQ(d.chapSecret, "");
-  EXPECT_EQ(d.mutualChapSecret, "");
-  // A declared "default" portal group without listen lines leaves the defaults.
-  EXPECT_EQ(d.networkInterface, "");
-  EXPECT_EQ(d.port, 3260);
-  d = Kel::GetConfigInfoFromConf(mutual.get(), true);
-  EXPECT_EQ(d.chapSecret, "Defsecret12#x");
-  EXPECT_EQ(d.mutualChapSecret, "Mutual9secret$");
+  EXPECT_TRUE(HasFields(Kel::GetConfigInfoFromConf(mutual.get(), false),
+                        R"({"authType": "CHAP-Mutual", "chapName": "du", "mutualChapName": "dm",
+                            "chapSecret": "", "mutualChapSecret": "", "networkInterface": "",
+                            "port": 3260})"));
+  EXPECT_TRUE(HasFields(Kel::GetConfigInfoFromConf(mutual.get(), true),
+                        R"({"chapSecret": "Defsecret12#x", "mutualChapSecret": "Mutual9secret$"})"));
   Kel::GetIscsiNuknicsFromConf(mutual.get(), nics);
   EXPECT_TRUE(nics.empty());
 }
@@ -261,7 +211,7 @@ TEST_F(ExtractionTest, DefaultsAndInterfacesInUse) {
 TEST_F(ExtractionTest, EmptyFileAndMissingDefaults) {
   // An empty file: only the built-in groups; the default auth group is deny, the default portal
   // group listens on the first host interface.
-  auto conf = ParseConfText("");
+  auto conf = LoadConfText("");
   ASSERT_TRUE(conf);
   std::vector<TargetInfo> targets(2);
   Kel::_GetTargetInfos(conf.get(), targets);
@@ -269,11 +219,9 @@ TEST_F(ExtractionTest, EmptyFileAndMissingDefaults) {
   std::vector<InitiatorgroupInfo> groups;
   Kel::_GetInitiatorGroupInfos(conf.get(), groups);
   EXPECT_TRUE(groups.empty());
-  const DefaultInfo d = Kel::GetConfigInfoFromConf(conf.get(), true);
-  EXPECT_EQ(d.authType, "None");
-  EXPECT_EQ(d.chapName, "");
-  EXPECT_EQ(d.networkInterface, "nuk0");
-  EXPECT_EQ(d.port, 3260);
+  EXPECT_TRUE(HasFields(Kel::GetConfigInfoFromConf(conf.get(), true),
+                        R"({"authType": "None", "chapName": "", "networkInterface": "nuk0",
+                            "port": 3260})"));
 
   // Without a "default" auth group at all, the defaults read as No-Authentication.
   struct auth_group* ag = auth_group_find(conf.get(), "default");
@@ -282,9 +230,8 @@ TEST_F(ExtractionTest, EmptyFileAndMissingDefaults) {
   EXPECT_EQ(Kel::GetConfigInfoFromConf(conf.get(), false).authType, "No-Authentication");
   // And without a "default" portal group: empty interface, port 3260.
   portal_group_delete(portal_group_find(conf.get(), "default"));
-  const DefaultInfo bare = Kel::GetConfigInfoFromConf(conf.get(), false);
-  EXPECT_EQ(bare.networkInterface, "");
-  EXPECT_EQ(bare.port, 3260);
+  EXPECT_TRUE(HasFields(Kel::GetConfigInfoFromConf(conf.get(), false),
+                        R"({"networkInterface": "", "port": 3260})"));
 }
 
 TEST_F(ExtractionTest, FailuresNameTheProblem) {
@@ -292,30 +239,21 @@ TEST_F(ExtractionTest, FailuresNameTheProblem) {
   std::vector<InitiatorgroupInfo> groups;
   std::set<std::string> nics;
   const std::string missing = "Cannot find Orsa iSCSI configuration!";
-  auto message = [](const std::function<void()>& fn) {
-    try {
-      fn();
-    } catch (const OrsaCtlException& e) {
-      return e.GetMessage();
-    }
-    return std::string("<no exception>");
-  };
-  EXPECT_EQ(message([&] { Kel::_GetTargetInfos(nullptr, targets); }), missing);
-  EXPECT_EQ(message([&] { Kel::_GetInitiatorGroupInfos(nullptr, groups); }), missing);
-  EXPECT_EQ(message([&] { Kel::GetConfigInfoFromConf(nullptr, false); }), missing);
-  EXPECT_EQ(message([&] { Kel::GetIscsiNuknicsFromConf(nullptr, nics); }), missing);
+  EXPECT_EQ(ErrorOf([&] { Kel::_GetTargetInfos(nullptr, targets); }), missing);
+  EXPECT_EQ(ErrorOf([&] { Kel::_GetInitiatorGroupInfos(nullptr, groups); }), missing);
+  EXPECT_EQ(ErrorOf([&] { Kel::GetConfigInfoFromConf(nullptr, false); }), missing);
+  EXPECT_EQ(ErrorOf([&] { Kel::GetIscsiNuknicsFromConf(nullptr, nics); }), missing);
 
   // A LUN whose absolute path does not fit the 256-byte buffer fails the extraction; the
   // targets before it are kept.
-  std::string log;
-  auto conf = ParseConfText(kConf, &log);
-  ASSERT_TRUE(conf) << log;
+  auto conf = LoadConfText(kConf);
+  ASSERT_TRUE(conf);
   kel::platform::HostConfig config;
   config.datastorePath = "/" + std::string(200, 'd');
   kel::platform::SetCurrentHostConfig(config);
   targets.clear();
   EXPECT_EQ(
-      message([&] { Kel::_GetTargetInfos(conf.get(), targets); }),
+      ErrorOf([&] { Kel::_GetTargetInfos(conf.get(), targets); }),
       std::string("Failed to get lun absolute path: ") + NUK_ReturnStatusToString(NUK_BAD_PARAM));
   EXPECT_TRUE(targets.empty());
 
@@ -326,7 +264,7 @@ TEST_F(ExtractionTest, FailuresNameTheProblem) {
   ASSERT_NE(first, nullptr);
   free(first->p_host);
   first->p_host = nullptr;
-  EXPECT_EQ(message([&] { Kel::GetConfigInfoFromConf(conf.get(), false); }),
+  EXPECT_EQ(ErrorOf([&] { Kel::GetConfigInfoFromConf(conf.get(), false); }),
             "Default network interface not found.");
   Kel::GetIscsiNuknicsFromConf(conf.get(), nics);
   EXPECT_EQ(nics, (std::set<std::string>{"nuk1", "nuk2"}));
@@ -338,12 +276,10 @@ TEST(AuthText, TypesAndFirstCredential) {
   std::string type = "x";
   EXPECT_EQ(Kel::Parser::GetAuthInfo(nullptr, type), nullptr);
   EXPECT_EQ(type, "No-Authentication");
-  std::string log;
-  auto conf = ParseConfText(
+  auto conf = LoadConfText(
       "auth-group a {\n chap \"first\" \"QWJjZGVmZ2hpajEh\"\n chap \"second\" "
-      "\"QWJjZGVmZ2hpajEh\"\n}\nauth-group empty {\n auth-type none\n}\n",
-      &log);
-  ASSERT_TRUE(conf) << log;
+      "\"QWJjZGVmZ2hpajEh\"\n}\nauth-group empty {\n auth-type none\n}\n");
+  ASSERT_TRUE(conf);
   const struct auth* cred = Kel::Parser::GetAuthInfo(auth_group_find(conf.get(), "a"), type);
   ASSERT_NE(cred, nullptr);
   EXPECT_EQ(type, "CHAP");

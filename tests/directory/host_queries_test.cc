@@ -19,19 +19,12 @@ using kel::platform::FakeDirectory;
 using kel::platform::MemberRecord;
 using kel::platform::ObjectOwner;
 using kel::platform::RandomDirUuid;
+using kel::testing::Member;
 namespace Util = NukCtl::Orsa::IscsiTarget::Util;
 
 namespace {
 
 std::string NewUuid() { return DirUuidToText(RandomDirUuid()); }
-
-MemberRecord Member(const std::string& uuid, const std::string& name, const std::string& site) {
-  MemberRecord m;
-  m.uuid = uuid;
-  m.name = name;
-  m.site = site;
-  return m;
-}
 
 class HostQueriesTest : public ::testing::Test {
  protected:
@@ -95,9 +88,8 @@ TEST_F(HostQueriesTest, OwnerOfAnObjectWithoutRecordDependsOnTheClusterKind) {
   std::string object = NewUuid();
   EXPECT_EQ(Util::GetTargetOwnerHostUuid(object), self_) << "a one-host cluster owns everything";
   EXPECT_EQ(Util::GetTargetOwnerHostUuid(""), "");
-  kel::platform::HostConfig etcd = env_.config();
-  etcd.directoryBackend = "etcd";
-  kel::platform::SetCurrentHostConfig(etcd);
+  env_.config().directoryBackend = "etcd";
+  env_.Apply();
   EXPECT_EQ(Util::GetTargetOwnerHostUuid(object), "");
   Util::ClaimObjectOwnership(object);
   EXPECT_EQ(Util::GetTargetOwnerHostUuid(object), self_);

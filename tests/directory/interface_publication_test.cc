@@ -41,8 +41,8 @@ std::map<std::string, Published> PublishedByName() {
 class InterfacePublicationTest : public ::testing::Test {
  protected:
   void SetInterfaces(const std::map<std::string, kel::platform::HostConfig::Nic>& nics) {
-    env_.mutable_config().interfaces = nics;
-    kel::platform::SetCurrentHostConfig(env_.config());  // the directory stays open
+    env_.config().interfaces = nics;
+    env_.Apply();  // the directory stays open
   }
   DirTestEnv env_;
 };

@@ -5,9 +5,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <mutex>
 #include <nlohmann/json.hpp>
 
 #include "conf/conf_handle.h"
@@ -93,6 +95,38 @@ std::string TargetOption(const struct target* t, const char* name) {
 std::string LunOption(const struct lun* l, const char* name) {
   const struct option* o = option_find(&l->l_options, name);
   return o != nullptr && o->o_value != nullptr ? o->o_value : "<none>";
+}
+
+::testing::AssertionResult JsonHasFields(const nlohmann::json& actual,
+                                         const std::string& expected) {
+  const nlohmann::json want = nlohmann::json::parse(expected);
+  std::string diffs;
+  for (const auto& [key, value] : want.items()) {
+    if (!actual.contains(key)) {
+      diffs += " " + key + " missing;";
+    } else if (actual[key] != value) {
+      diffs += " " + key + " is " + actual[key].dump() + ", not " + value.dump() + ";";
+    }
+  }
+  if (diffs.empty()) return ::testing::AssertionSuccess();
+  return ::testing::AssertionFailure() << diffs << " in " << actual.dump();
+}
+
+NUK_ReturnStatus UpdateAndWait(platform::Directory& directory, const platform::DirEntry& entry) {
+  std::mutex mu;
+  std::condition_variable cv;
+  bool done = false;
+  NUK_ReturnStatus result = NUK_PENDING;
+  const NUK_ReturnStatus st = directory.Update(entry, [&](NUK_ReturnStatus s) {
+    std::lock_guard<std::mutex> guard(mu);
+    result = s;
+    done = true;
+    cv.notify_all();
+  });
+  if (st != NUK_OK) return st;
+  std::unique_lock<std::mutex> lock(mu);
+  cv.wait(lock, [&] { return done; });
+  return result;
 }
 
 std::string TestUuid(int n) {

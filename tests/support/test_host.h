@@ -3,16 +3,21 @@
 // own (host configuration, state directory, datastore, directory, daemon control double).
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include <nlohmann/json.hpp>
+
 #include "conf/conf.h"
 #include "platform/clock.h"
 #include "platform/directory.h"
 #include "platform/host_config.h"
+#include "service/records_json.h"
 #include "tests/support/test_support.h"
 
 namespace kel {
@@ -38,6 +43,17 @@ struct target* TargetByAlias(const struct conf* c, const std::string& alias);
 // A target's or LUN's option value; "<none>" when it has none.
 std::string TargetOption(const struct target* t, const char* name);
 std::string LunOption(const struct lun* l, const char* name);
+
+// Whether `actual` has every key of the JSON object `expected` with the same value (records are
+// compared through their JSON form: one assertion, any number of fields).
+::testing::AssertionResult JsonHasFields(const nlohmann::json& actual, const std::string& expected);
+template <class Record>
+::testing::AssertionResult HasFields(const Record& record, const std::string& expected) {
+  return JsonHasFields(nlohmann::json(record), expected);
+}
+
+// Writes `entry` through `directory` and waits for the completion; returns its status.
+NUK_ReturnStatus UpdateAndWait(platform::Directory& directory, const platform::DirEntry& entry);
 
 // 8-4-4-4-12 text unique per `n`, and a target name unique per `n`.
 std::string TestUuid(int n);

@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -36,6 +37,10 @@ uint64_t AllocatedBytes(const std::string& path);              // blocks on disk
 std::string XattrOf(const std::string& path, const std::string& name);  // "" when unset
 // Digest of every regular file, link and directory below `dir` (names, modes, contents).
 std::string TreeDigest(const std::string& dir);
+
+// Polls `done` every few milliseconds until it holds or `timeout` passes; returns its last answer.
+bool Eventually(const std::function<bool()>& done,
+                std::chrono::milliseconds timeout = std::chrono::seconds(10));
 
 // A TCP port that was free on `address` a moment ago.
 int FreeLoopbackPort(const std::string& address = "127.0.0.1");
