@@ -9,8 +9,7 @@
 
 #include "platform/exception.h"
 #include "platform/fs.h"
-#include "tests/platform/fs_test_util.h"
-#include "tests/support/test_support.h"
+#include "tests/support/test_host.h"
 
 namespace kel {
 namespace platform {
@@ -19,10 +18,10 @@ namespace {
 using HostCtl::Lib::Orsa::OrsaCtlException;
 
 TEST(Datastore, IdentityIsCreatedOnceAndKept) {
-  kel::testing::ScopedDatastore ds;
-  EXPECT_FALSE(kel::testing::PathExists(ds.Join(kDatastoreMetaFile)));
+  kel::testing::TestHost ds;
+  EXPECT_FALSE(kel::testing::PathExists(ds.DatastoreJoin(kDatastoreMetaFile)));
   Uuid16 first = DatastoreUuid();
-  EXPECT_TRUE(kel::testing::PathExists(ds.Join(kDatastoreMetaFile)));
+  EXPECT_TRUE(kel::testing::PathExists(ds.DatastoreJoin(kDatastoreMetaFile)));
   EXPECT_EQ(first, DatastoreUuid());
 
   std::string text = DatastoreUuidText();
@@ -40,7 +39,7 @@ TEST(Datastore, IdentityIsCreatedOnceAndKept) {
 }
 
 TEST(Datastore, RacingFirstUsersAgreeOnOneIdentity) {
-  kel::testing::ScopedDatastore ds;
+  kel::testing::TestHost ds;
   std::vector<Uuid16> seen(8);
   std::vector<std::thread> threads;
   for (size_t i = 0; i < seen.size(); ++i) {
@@ -52,29 +51,29 @@ TEST(Datastore, RacingFirstUsersAgreeOnOneIdentity) {
   EXPECT_EQ(*distinct.begin(), DatastoreUuid());
   // No private creation files are left next to the metadata.
   std::vector<std::string> names;
-  ASSERT_EQ(0, LinuxFs().ListDir(ds.path(), &names));
+  ASSERT_EQ(0, LinuxFs().ListDir(ds.datastore(), &names));
   EXPECT_EQ(std::vector<std::string>{kDatastoreMetaFile}, names);
 }
 
 TEST(Datastore, UnusableDatastoreOrMetadataIsReportedByPath) {
-  kel::testing::ScopedDatastore ds;
-  kel::testing::WriteFile(ds.Join(kDatastoreMetaFile), "this is not json");
+  kel::testing::TestHost ds;
+  kel::testing::WriteFile(ds.DatastoreJoin(kDatastoreMetaFile), "this is not json");
   try {
     DatastoreUuid();
     FAIL() << "corrupt metadata accepted";
   } catch (const OrsaCtlException& e) {
     EXPECT_EQ(
-        "Datastore metadata " + ds.Join(kDatastoreMetaFile) + ": not a datastore metadata file",
+        "Datastore metadata " + ds.DatastoreJoin(kDatastoreMetaFile) + ": not a datastore metadata file",
         e.GetMessage());
   }
-  kel::testing::WriteFile(ds.Join(kDatastoreMetaFile), "{\"uuid\": \"nope\"}");
+  kel::testing::WriteFile(ds.DatastoreJoin(kDatastoreMetaFile), "{\"uuid\": \"nope\"}");
   EXPECT_THROW(DatastoreUuid(), OrsaCtlException);
   // The corrupt file is never overwritten by a default-policy change.
   EXPECT_THROW(SetDatastoreDefaultPolicy(""), OrsaCtlException);
-  EXPECT_EQ("{\"uuid\": \"nope\"}", kel::testing::ReadFile(ds.Join(kDatastoreMetaFile)));
+  EXPECT_EQ("{\"uuid\": \"nope\"}", kel::testing::ReadFile(ds.DatastoreJoin(kDatastoreMetaFile)));
 
   HostConfig config = *CurrentHostConfig();
-  config.datastorePath = ds.Join("not-mounted");
+  config.datastorePath = ds.DatastoreJoin("not-mounted");
   SetCurrentHostConfig(config);
   try {
     DatastoreUuid();
@@ -82,22 +81,22 @@ TEST(Datastore, UnusableDatastoreOrMetadataIsReportedByPath) {
   } catch (const OrsaCtlException& e) {
     EXPECT_NE(std::string::npos, e.GetMessage().find("datastore is not accessible"));
   }
-  EXPECT_FALSE(kel::testing::PathExists(ds.Join("not-mounted")));
+  EXPECT_FALSE(kel::testing::PathExists(ds.DatastoreJoin("not-mounted")));
 
   // The embedded default keeps its datastore in the state directory and makes it on first use.
-  config.stateDir = ds.Join("state");
+  config.stateDir = ds.DatastoreJoin("state");
   config.datastorePath = config.stateDir + "/datastore";
   SetCurrentHostConfig(config);
   EXPECT_EQ(DatastoreUuid(), DatastoreUuid());
-  EXPECT_TRUE(kel::testing::PathExists(ds.Join("state/datastore/") + kDatastoreMetaFile));
+  EXPECT_TRUE(kel::testing::PathExists(ds.DatastoreJoin("state/datastore/") + kDatastoreMetaFile));
 }
 
 TEST(Datastore, MountPathFitsOrIsRefused) {
-  kel::testing::ScopedDatastore ds;
+  kel::testing::TestHost ds;
   char buf[4096];
   ASSERT_EQ(NUK_OK, GetOrsaDatastoreUUIDPath(sizeof(buf), buf));
-  EXPECT_EQ(ds.path(), buf);
-  EXPECT_EQ(NUK_BAD_PARAM, GetOrsaDatastoreUUIDPath(static_cast<int>(ds.path().size()), buf));
+  EXPECT_EQ(ds.datastore(), buf);
+  EXPECT_EQ(NUK_BAD_PARAM, GetOrsaDatastoreUUIDPath(static_cast<int>(ds.datastore().size()), buf));
 }
 
 }  // namespace

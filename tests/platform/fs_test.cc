@@ -6,8 +6,7 @@
 #include <cerrno>
 
 #include "platform/testing/fault_fs.h"
-#include "tests/platform/fs_test_util.h"
-#include "tests/support/test_support.h"
+#include "tests/support/test_host.h"
 
 namespace kel {
 namespace platform {

@@ -1,6 +1,7 @@
 #include "platform/policy.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <cerrno>
 #include <climits>
@@ -8,8 +9,7 @@
 #include "platform/exception.h"
 #include "platform/fs.h"
 #include "platform/testing/fault_fs.h"
-#include "tests/platform/fs_test_util.h"
-#include "tests/support/test_support.h"
+#include "tests/support/test_host.h"
 
 namespace kel {
 namespace platform {
@@ -17,15 +17,6 @@ namespace {
 
 using HostCtl::Lib::Orsa::OrsaCtlException;
 using kel::testing::AllocatedBytes;
-
-std::string RefusalOf(const std::string& text) {
-  try {
-    ParsePolicy(text);
-  } catch (const OrsaCtlException& e) {
-    return e.GetMessage();
-  }
-  return "accepted";
-}
 
 TEST(PolicyParser, AcceptsKnownRulesInAnySpacing) {
   struct Case {
@@ -104,7 +95,7 @@ TEST(PolicyParser, RefusesMalformedTextNamingTheProblem) {
       {"((\"locality\" \"None\" \"x\"))", "expected ')' at position 21"},
   };
   for (const Case& c : refused) {
-    std::string message = RefusalOf(c.text);
+    std::string message = kel::testing::ErrorOf([&] { ParsePolicy(c.text); });
     EXPECT_EQ(0u, message.find("Invalid storage policy '" + c.text + "': ")) << message;
     EXPECT_NE(std::string::npos, message.find(c.reason)) << c.text << " -> " << message;
   }
@@ -128,124 +119,81 @@ TEST(PolicyParser, PreallocationRoundsUpAndNeverOverflows) {
   EXPECT_EQ(UINT64_MAX / 2 + 1, PreallocationBytes(p, UINT64_MAX));
 }
 
-TEST(PolicyApply, ReservesTheProportionalCapacityOnly) {
-  kel::testing::ScopedDatastore ds;
-  const std::string disk = ds.Join("d.pemo");
+TEST(PolicyApply, ReservesTheProportionalCapacityOnlyAndKeepsThePolicyOfAFailure) {
+  kel::testing::TestHost host;
+  const std::string disk = host.DatastoreJoin("d.pemo");
   kel::testing::WriteFile(disk, "");
   ASSERT_EQ(0, truncate(disk.c_str(), 8 << 20));
-  EXPECT_LT(AllocatedBytes(disk), uint64_t{64} << 10);  // sparse
-
   ApplyPolicyToObject(disk, ParsePolicy("((\"proportionalCapacity\" i50))"));
   EXPECT_GE(AllocatedBytes(disk), uint64_t{4} << 20);
   EXPECT_LT(AllocatedBytes(disk), uint64_t{5} << 20);
   EXPECT_EQ(uint64_t{8} << 20, kel::testing::FileSize(disk));
-  std::string stored;
-  ASSERT_TRUE(ReadObjectPolicy(disk, &stored));
-  EXPECT_EQ("((\"proportionalCapacity\" i50))", stored);
-
   // A lower share keeps what is already reserved.
   ApplyPolicyToObject(disk, ParsePolicy("((\"proportionalCapacity\" i10))"));
   EXPECT_GE(AllocatedBytes(disk), uint64_t{4} << 20);
-
-  // When the reservation fails, the object keeps its previous policy.
   {
     testing::ScopedFaultFs faulty;
     faulty.fs().FailNext(testing::FaultFs::Op::kFallocate, ENOSPC);
-    try {
-      ApplyPolicyToObject(disk, ParsePolicy("((\"proportionalCapacity\" i90))"));
-      FAIL() << "reservation failure ignored";
-    } catch (const OrsaCtlException& e) {
-      EXPECT_NE(std::string::npos, e.GetMessage().find("Failed to apply storage policy to " + disk +
-                                                       ": cannot reserve"));
-      EXPECT_NE(std::string::npos, e.GetMessage().find("No space left on device"));
-    }
+    const std::string message = kel::testing::ErrorOf(
+        [&] { ApplyPolicyToObject(disk, ParsePolicy("((\"proportionalCapacity\" i90))")); });
+    EXPECT_EQ(0u, message.find("Failed to apply storage policy to " + disk + ": cannot reserve"));
+    EXPECT_NE(std::string::npos, message.find("No space left on device"));
   }
+  std::string stored;
   ASSERT_TRUE(ReadObjectPolicy(disk, &stored));
   EXPECT_EQ("((\"proportionalCapacity\" i10))", stored);
 
-  EXPECT_THROW(ApplyPolicyToObject(ds.Join("missing"), StoragePolicy()), OrsaCtlException);
-  EXPECT_FALSE(ReadObjectPolicy(ds.Join("missing"), &stored));
-  kel::testing::WriteFile(ds.Join("plain"), "");
-  ASSERT_TRUE(ReadObjectPolicy(ds.Join("plain"), &stored));  // no policy stored: empty
+  EXPECT_THROW(ApplyPolicyToObject(host.DatastoreJoin("missing"), StoragePolicy()),
+               OrsaCtlException);
+  EXPECT_FALSE(ReadObjectPolicy(host.DatastoreJoin("missing"), &stored));
+  kel::testing::WriteFile(host.DatastoreJoin("plain"), "");
+  ASSERT_TRUE(ReadObjectPolicy(host.DatastoreJoin("plain"), &stored));  // nothing stored: empty
   EXPECT_EQ("", stored);
 }
 
-class ComplianceTest : public ::testing::Test {
- protected:
-  void SetUp() override { ASSERT_EQ(NUK_OK, OrsaCompliance_Init(&handle_)); }
-  void TearDown() override {
-    SetComplianceSiteResolver(nullptr);
-    OrsaCompliance_Deinit(handle_);
-  }
-  ComplianceResult Check(const std::string& path, const std::string& ns = "ns") {
+// (The share a grown disk no longer has, and a site the resolver reports, are checked through the
+// storage layer's compliance queries.)
+TEST(Compliance, NoPolicyOrAnUnreadableOneAndSitesOfNamespaces) {
+  kel::testing::TestHost host;
+  host.config().hostSite = "Preferred";
+  host.Apply();
+  OrsaComplianceHandle* handle = nullptr;
+  ASSERT_EQ(NUK_OK, OrsaCompliance_Init(&handle));
+  auto check = [&](const std::string& path) {
     ComplianceResult r;
-    EXPECT_EQ(NUK_OK, OrsaCompliance_CheckObject(handle_, path, ns, &r));
+    EXPECT_EQ(NUK_OK, OrsaCompliance_CheckObject(handle, path, "ns", &r));
     return r;
-  }
-  OrsaComplianceHandle* handle_ = nullptr;
-};
-
-TEST_F(ComplianceTest, ComparesAllocationWithTheStoredPolicy) {
-  kel::testing::ScopedDatastore ds;
-  ComplianceResult r = Check(ds.Join("missing.pemo"));
-  EXPECT_FALSE(r.found);
-  EXPECT_FALSE(r.compliant);
-  EXPECT_EQ("", r.policy);
-
-  const std::string disk = ds.Join("d.pemo");
+  };
+  const std::string disk = host.DatastoreJoin("d.pemo");
   kel::testing::WriteFile(disk, "");
   ASSERT_EQ(0, truncate(disk.c_str(), 4 << 20));
-  r = Check(disk);
-  EXPECT_TRUE(r.found);
-  EXPECT_TRUE(r.compliant);  // no policy asks for nothing
+  ComplianceResult r = check(disk);
+  EXPECT_TRUE(r.found && r.compliant) << "no policy asks for nothing";
   EXPECT_EQ("", r.policy);
-
   ApplyPolicyToObject(disk, ParsePolicy("((\"proportionalCapacity\" i25))"));
-  r = Check(disk);
-  EXPECT_TRUE(r.compliant) << r.reason;
-  EXPECT_EQ("((\"proportionalCapacity\" i25))", r.policy);
-
-  // The disk grew without a new reservation: a quarter of it is no longer reserved.
   ASSERT_EQ(0, truncate(disk.c_str(), 64 << 20));
-  r = Check(disk);
-  EXPECT_FALSE(r.compliant);
-  EXPECT_NE(std::string::npos, r.reason.find("bytes allocated")) << r.reason;
-
-  // A stored policy that no longer parses is never compliant.
+  EXPECT_NE(std::string::npos, check(disk).reason.find("bytes allocated"));
   ASSERT_EQ(0, WriteObjectAttr(GetFs(), disk, "policy", "((\"bogus\" i1))"));
-  r = Check(disk);
+  r = check(disk);
   EXPECT_TRUE(r.found);
-  EXPECT_FALSE(r.compliant);
+  EXPECT_FALSE(r.compliant) << "a stored policy that no longer parses";
+
+  // A namespace reserves nothing itself; without a resolver this host (site Preferred) serves
+  // it, and "None" asks for no site at all.
+  const std::string ns = host.DatastoreJoin("ns-dir");
+  ASSERT_EQ(0, mkdir(ns.c_str(), 0700));
+  ApplyPolicyToObject(
+      ns, ParsePolicy("((\"locality\" \"Preferred\") (\"proportionalCapacity\" i100))"));
+  EXPECT_TRUE(check(ns).compliant);
+  ApplyPolicyToObject(ns, ParsePolicy("((\"locality\" \"None\"))"));
+  SetComplianceSiteResolver([](const std::string&) { return std::string(); });
+  EXPECT_TRUE(check(ns).compliant);
+  SetComplianceSiteResolver(nullptr);
 
   ComplianceResult unused;
   EXPECT_EQ(NUK_BAD_PARAM, OrsaCompliance_CheckObject(nullptr, disk, "ns", &unused));
   EXPECT_EQ(NUK_BAD_PARAM, OrsaCompliance_Init(nullptr));
-}
-
-TEST_F(ComplianceTest, LocalityFollowsTheSiteOfTheServingHost) {
-  kel::testing::ScopedDatastore ds("Preferred");
-  const std::string ns = ds.Join("ns-dir");
-  ASSERT_EQ(0, mkdir(ns.c_str(), 0700));
-  ApplyPolicyToObject(
-      ns, ParsePolicy("((\"locality\" \"Preferred\") (\"proportionalCapacity\" i100))"));
-  // A namespace reserves nothing itself; without a resolver this host (site Preferred) serves it.
-  EXPECT_TRUE(Check(ns).compliant);
-
-  std::string asked;
-  SetComplianceSiteResolver([&asked](const std::string& nsUuid) {
-    asked = nsUuid;
-    return std::string("NonPreferred");
-  });
-  ComplianceResult r = Check(ns, "1234");
-  EXPECT_FALSE(r.compliant);
-  EXPECT_EQ("1234", asked);
-  ApplyPolicyToObject(ns, ParsePolicy("((\"locality\" \"NonPreferred\"))"));
-  EXPECT_TRUE(Check(ns).compliant);
-  ApplyPolicyToObject(ns, ParsePolicy("((\"locality\" \"None\"))"));
-  SetComplianceSiteResolver([](const std::string&) { return std::string(); });
-  EXPECT_TRUE(Check(ns).compliant);  // "None" asks for no site
-  ApplyPolicyToObject(ns, ParsePolicy("((\"locality\" \"Preferred\"))"));
-  EXPECT_FALSE(Check(ns).compliant);  // an unknown site is not the asked one
+  OrsaCompliance_Deinit(handle);
 }
 
 }  // namespace

@@ -11,8 +11,7 @@
 #include "platform/disk_lun_api.h"
 #include "platform/fs.h"
 #include "platform/testing/fault_fs.h"
-#include "tests/platform/fs_test_util.h"
-#include "tests/support/test_support.h"
+#include "tests/support/test_host.h"
 
 namespace kel {
 namespace platform {
@@ -33,10 +32,10 @@ VirtDiskError Probe(const std::string& path, uint32_t flags) {
 class VirtDiskTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    disk_ = ds_.Join("d.pemo");
+    disk_ = ds_.DatastoreJoin("d.pemo");
     NukCtl::Storage::DiskLunApi::CreateVirtualDisk(disk_, 2048, "", "ORSA-iSCSI-OP-test");
   }
-  kel::testing::ScopedDatastore ds_;
+  kel::testing::TestHost ds_;
   std::string disk_;
 };
 
@@ -55,10 +54,10 @@ TEST_F(VirtDiskTest, InfoShowsCapacityAllocationIdentityAndFormat) {
   VirtDisk_FreeInfo(info);
   EXPECT_EQ(VIRTDISK_OK, VirtDisk_Close(h));
 
-  EXPECT_EQ(ENOENT, Probe(ds_.Join("missing.pemo"), 0));
-  EXPECT_EQ(VIRTDISK_E_NOT_A_DISK, Probe(ds_.path(), 0));
-  kel::testing::WriteFile(ds_.Join("bare.pemo"), "");
-  EXPECT_EQ(OBJSTORE_E_NO_ID, ObjStore_GetUniqueID(ds_.Join("bare.pemo").c_str(), uuid));
+  EXPECT_EQ(ENOENT, Probe(ds_.DatastoreJoin("missing.pemo"), 0));
+  EXPECT_EQ(VIRTDISK_E_NOT_A_DISK, Probe(ds_.datastore(), 0));
+  kel::testing::WriteFile(ds_.DatastoreJoin("bare.pemo"), "");
+  EXPECT_EQ(OBJSTORE_E_NO_ID, ObjStore_GetUniqueID(ds_.DatastoreJoin("bare.pemo").c_str(), uuid));
   EXPECT_STREQ("The object has no unique ID", ObjStore_Err2String(OBJSTORE_E_NO_ID));
   EXPECT_EQ(
       VIRTDISK_E_BAD_PARAM,
@@ -106,35 +105,35 @@ TEST_F(VirtDiskTest, ExclusiveProbeFailsWhileAnyoneServesTheDisk) {
 TEST_F(VirtDiskTest, RenameKeepsIdentityAndNeverReplaces) {
   char before[37], after[37];
   ASSERT_EQ(OBJSTORE_OK, ObjStore_GetUniqueID(disk_.c_str(), before));
-  const std::string moved = ds_.Join("e.pemo");
+  const std::string moved = ds_.DatastoreJoin("e.pemo");
   ASSERT_EQ(VIRTDISK_OK, VirtDisk_Rename(disk_.c_str(), moved.c_str()));
   EXPECT_FALSE(PathExists(disk_));
   ASSERT_EQ(OBJSTORE_OK, ObjStore_GetUniqueID(moved.c_str(), after));
   EXPECT_STREQ(before, after);
 
-  kel::testing::WriteFile(ds_.Join("taken.pemo"), "keep");
-  EXPECT_EQ(VIRTDISK_E_EXISTS, VirtDisk_Rename(moved.c_str(), ds_.Join("taken.pemo").c_str()));
-  EXPECT_EQ("keep", kel::testing::ReadFile(ds_.Join("taken.pemo")));
+  kel::testing::WriteFile(ds_.DatastoreJoin("taken.pemo"), "keep");
+  EXPECT_EQ(VIRTDISK_E_EXISTS, VirtDisk_Rename(moved.c_str(), ds_.DatastoreJoin("taken.pemo").c_str()));
+  EXPECT_EQ("keep", kel::testing::ReadFile(ds_.DatastoreJoin("taken.pemo")));
   EXPECT_TRUE(PathExists(moved));
-  EXPECT_EQ(ENOENT, VirtDisk_Rename(disk_.c_str(), ds_.Join("x.pemo").c_str()));
+  EXPECT_EQ(ENOENT, VirtDisk_Rename(disk_.c_str(), ds_.DatastoreJoin("x.pemo").c_str()));
 }
 
 TEST(VirtDiskNoXattr, SidecarsTravelWithTheDisk) {
-  kel::testing::ScopedDatastore ds;
+  kel::testing::TestHost ds;
   testing::ScopedFaultFs faulty;
   faulty.fs().SetNoUserXattrs(true);
-  const std::string disk = ds.Join("a.pemo");
+  const std::string disk = ds.DatastoreJoin("a.pemo");
   NukCtl::Storage::DiskLunApi::CreateVirtualDisk(disk, 64, "((\"locality\" \"None\"))", "op");
-  EXPECT_TRUE(PathExists(ds.Join(".a.pemo.uuid")));
-  EXPECT_TRUE(PathExists(ds.Join(".a.pemo.policy")));
-  EXPECT_TRUE(PathExists(ds.Join(".a.pemo.format")));
+  EXPECT_TRUE(PathExists(ds.DatastoreJoin(".a.pemo.uuid")));
+  EXPECT_TRUE(PathExists(ds.DatastoreJoin(".a.pemo.policy")));
+  EXPECT_TRUE(PathExists(ds.DatastoreJoin(".a.pemo.format")));
   char before[37], after[37];
   ASSERT_EQ(OBJSTORE_OK, ObjStore_GetUniqueID(disk.c_str(), before));
 
-  const std::string moved = ds.Join("b.pemo");
+  const std::string moved = ds.DatastoreJoin("b.pemo");
   ASSERT_EQ(VIRTDISK_OK, VirtDisk_Rename(disk.c_str(), moved.c_str()));
-  EXPECT_FALSE(PathExists(ds.Join(".a.pemo.uuid")));
-  EXPECT_TRUE(PathExists(ds.Join(".b.pemo.uuid")));
+  EXPECT_FALSE(PathExists(ds.DatastoreJoin(".a.pemo.uuid")));
+  EXPECT_TRUE(PathExists(ds.DatastoreJoin(".b.pemo.uuid")));
   ASSERT_EQ(OBJSTORE_OK, ObjStore_GetUniqueID(moved.c_str(), after));
   EXPECT_STREQ(before, after);
   VirtDiskHandle* h = nullptr;
@@ -147,11 +146,11 @@ TEST(VirtDiskNoXattr, SidecarsTravelWithTheDisk) {
   // A sidecar that cannot follow puts the disk back where it was.
   // (The uuid sidecar has already moved when the policy sidecar fails.)
   faulty.fs().FailNext(testing::FaultFs::Op::kRename, EIO, 1, ".b.pemo.policy");
-  EXPECT_EQ(EIO, VirtDisk_Rename(moved.c_str(), ds.Join("c.pemo").c_str()));
+  EXPECT_EQ(EIO, VirtDisk_Rename(moved.c_str(), ds.DatastoreJoin("c.pemo").c_str()));
   EXPECT_TRUE(PathExists(moved));
-  EXPECT_FALSE(PathExists(ds.Join("c.pemo")));
-  EXPECT_TRUE(PathExists(ds.Join(".b.pemo.uuid")));
-  EXPECT_FALSE(PathExists(ds.Join(".c.pemo.uuid")));
+  EXPECT_FALSE(PathExists(ds.DatastoreJoin("c.pemo")));
+  EXPECT_TRUE(PathExists(ds.DatastoreJoin(".b.pemo.uuid")));
+  EXPECT_FALSE(PathExists(ds.DatastoreJoin(".c.pemo.uuid")));
   ASSERT_EQ(OBJSTORE_OK, ObjStore_GetUniqueID(moved.c_str(), after));
   EXPECT_STREQ(before, after);
 }
@@ -163,8 +162,8 @@ TEST_F(VirtDiskTest, GrowOnlyGrows) {
   EXPECT_EQ(VIRTDISK_E_SHRINK, VirtDisk_Grow(disk_.c_str(), 4095));
   EXPECT_EQ(4096u * 512u, kel::testing::FileSize(disk_));
   EXPECT_EQ(VIRTDISK_E_BAD_PARAM, VirtDisk_Grow(disk_.c_str(), UINT64_MAX));
-  EXPECT_EQ(ENOENT, VirtDisk_Grow(ds_.Join("missing").c_str(), 10));
-  EXPECT_EQ(VIRTDISK_E_NOT_A_DISK, VirtDisk_Grow(ds_.path().c_str(), 10));
+  EXPECT_EQ(ENOENT, VirtDisk_Grow(ds_.DatastoreJoin("missing").c_str(), 10));
+  EXPECT_EQ(VIRTDISK_E_NOT_A_DISK, VirtDisk_Grow(ds_.datastore().c_str(), 10));
 }
 
 TEST_F(VirtDiskTest, ExtentsListWrittenRangesInOrder) {

@@ -24,8 +24,7 @@
 #include "storage/lun_disk.h"
 #include "storage/namespace.h"
 #include "storage/paths.h"
-#include "tests/platform/fs_test_util.h"
-#include "tests/support/test_support.h"
+#include "tests/support/test_host.h"
 
 namespace NukCtl {
 namespace Orsa {
@@ -36,50 +35,11 @@ namespace {
 using HostCtl::Lib::Orsa::OrsaCtlException;
 using kel::platform::testing::FaultFs;
 using kel::platform::testing::ScopedFaultFs;
+using kel::testing::ErrorOf;
+using kel::testing::LockHolder;
 using kel::testing::PathExists;
+using kel::testing::ScriptedClock;
 using kel::testing::TreeDigest;
-
-std::string MessageOf(const std::function<void()>& fn) {
-  try {
-    fn();
-  } catch (const OrsaCtlException& e) {
-    return e.GetMessage();
-  }
-  return "no failure";
-}
-
-// Holds a shared OFD lock on a disk, as the host serving it does.
-class SharedHolder {
- public:
-  explicit SharedHolder(const std::string& path) : fd_(open(path.c_str(), O_RDONLY | O_CLOEXEC)) {
-    struct flock fl = {};
-    fl.l_type = F_RDLCK;
-    fl.l_whence = SEEK_SET;
-    EXPECT_EQ(0, fcntl(fd_, F_OFD_SETLK, &fl));
-  }
-  ~SharedHolder() { Release(); }
-  void Release() {
-    if (fd_ >= 0) close(fd_);
-    fd_ = -1;
-  }
-
- private:
-  int fd_;
-};
-
-// A fake clock that runs `action` when the given sleep (1-based) starts.
-class ActingClock : public kel::platform::FakeClock {
- public:
-  ActingClock(size_t at, std::function<void()> action) : at_(at), action_(std::move(action)) {}
-  void SleepFor(std::chrono::milliseconds d) override {
-    kel::platform::FakeClock::SleepFor(d);
-    if (Sleeps().size() == at_ && action_) action_();
-  }
-
- private:
-  size_t at_;
-  std::function<void()> action_;
-};
 
 class LunDiskTest : public ::testing::Test {
  protected:
@@ -95,7 +55,7 @@ class LunDiskTest : public ::testing::Test {
     CreateLun("1", "t1", target_, sectors, policy, path, uuid);
     return path;
   }
-  kel::testing::ScopedDatastore ds_;
+  kel::testing::TestHost ds_;
   kel::log::LogCapture log_;
   std::string target_;
 };
@@ -105,25 +65,25 @@ TEST_F(LunDiskTest, CreatedDiskIsNamedAfterItsObject) {
   std::string path, uuid;
   CreateLun("7", "t1", target_, 4096, "((\"proportionalCapacity\" i50))", path, uuid);
   EXPECT_EQ(target_ + "/" + uuid + ".pemo", path);
-  EXPECT_EQ(uuid, GetObjectUuidForLun(ds_.Join(path)));
+  EXPECT_EQ(uuid, GetObjectUuidForLun(ds_.DatastoreJoin(path)));
   EXPECT_EQ(uuid, GetObjectUuidForLun(GetTargetsDirPath() + "/" + path));  // via the target link
-  EXPECT_EQ(4096u * 512u, kel::testing::FileSize(ds_.Join(path)));
-  EXPECT_GE(kel::testing::AllocatedBytes(ds_.Join(path)), 4096u * 512u / 2);
-  EXPECT_EQ(4096u, GetLunDiskSectors(ds_.Join(path)));
+  EXPECT_EQ(4096u * 512u, kel::testing::FileSize(ds_.DatastoreJoin(path)));
+  EXPECT_GE(kel::testing::AllocatedBytes(ds_.DatastoreJoin(path)), 4096u * 512u / 2);
+  EXPECT_EQ(4096u, GetLunDiskSectors(ds_.DatastoreJoin(path)));
   EXPECT_TRUE(log_.Contains("Util: Retrieved Orsa object UUID " + uuid + " for LUN id 7."));
   std::vector<std::string> names;
-  ASSERT_EQ(0, kel::platform::LinuxFs().ListDir(ds_.Join(target_), &names));
+  ASSERT_EQ(0, kel::platform::LinuxFs().ListDir(ds_.DatastoreJoin(target_), &names));
   EXPECT_EQ(std::vector<std::string>{uuid + ".pemo"}, names);  // no temporary disk left
   EXPECT_TRUE(clock.clock().Sleeps().empty());
 
   // An absolute target directory works the same way.
   std::string path2, uuid2;
-  CreateLun("8", "t1", ds_.Join(target_), 8, "", path2, uuid2);
+  CreateLun("8", "t1", ds_.DatastoreJoin(target_), 8, "", path2, uuid2);
   EXPECT_EQ(target_ + "/" + uuid2 + ".pemo", path2);
 
-  EXPECT_EQ(0u, MessageOf([&] {
-                  GetObjectUuidForLun(ds_.Join("nothing.pemo"));
-                }).find("Failed to get object UUID of LUN " + ds_.Join("nothing.pemo")));
+  EXPECT_EQ(0u, ErrorOf([&] {
+                  GetObjectUuidForLun(ds_.DatastoreJoin("nothing.pemo"));
+                }).find("Failed to get object UUID of LUN " + ds_.DatastoreJoin("nothing.pemo")));
 }
 
 TEST_F(LunDiskTest, RenameThatWorksOnTheSecondAttemptLogsOneRetryAndSleepsOnce) {
@@ -131,7 +91,7 @@ TEST_F(LunDiskTest, RenameThatWorksOnTheSecondAttemptLogsOneRetryAndSleepsOnce) 
   ScopedFaultFs faulty;
   faulty.fs().FailNext(FaultFs::Op::kRename, EBUSY, 1, ".pemo");
   std::string path = NewLun();
-  EXPECT_TRUE(PathExists(ds_.Join(path)));
+  EXPECT_TRUE(PathExists(ds_.DatastoreJoin(path)));
   EXPECT_EQ(1u, log_.Count("retry to rename LUN descriptor file"));
   EXPECT_TRUE(log_.Contains("Util: 1th retry to rename LUN descriptor file from "));
   ASSERT_EQ(1u, clock.clock().Sleeps().size());
@@ -140,37 +100,38 @@ TEST_F(LunDiskTest, RenameThatWorksOnTheSecondAttemptLogsOneRetryAndSleepsOnce) 
 
 TEST_F(LunDiskTest, RenameThatNeverWorksLeavesNoDisk) {
   kel::platform::ScopedFakeClock clock;
-  const std::string before = TreeDigest(ds_.path());
+  const std::string before = TreeDigest(ds_.datastore());
   ScopedFaultFs faulty;
   faulty.fs().FailNext(FaultFs::Op::kRename, EBUSY, -1, ".pemo");
   std::string path = "unset", uuid = "unset";
-  std::string message = MessageOf([&] { CreateLun("3", "t1", target_, 2048, "", path, uuid); });
+  std::string message = ErrorOf([&] { CreateLun("3", "t1", target_, 2048, "", path, uuid); });
   EXPECT_TRUE(std::regex_match(
-      message, std::regex("Failed to rename LUN " + ds_.Join(target_) +
+      message, std::regex("Failed to rename LUN " + ds_.DatastoreJoin(target_) +
                           "/[0-9a-f-]{36}\\.pemo with error: Device or resource busy")))
       << message;
   EXPECT_EQ(11u, log_.Count("retry to rename LUN descriptor file"));
   EXPECT_TRUE(log_.Contains("Util: 11th retry to rename LUN descriptor file"));
   EXPECT_TRUE(log_.Contains("Util: Failed to create LUN 3 with exception Failed to rename LUN"));
   EXPECT_EQ(11u, clock.clock().Sleeps().size());
-  EXPECT_EQ(before, TreeDigest(ds_.path()));
+  EXPECT_EQ(before, TreeDigest(ds_.datastore()));
   EXPECT_EQ("unset", path);  // nothing handed back
 }
 
 TEST_F(LunDiskTest, RemovalWaitsForTheServingHostAndGivesUpAfter31Probes) {
   const std::string rel = NewLun();
-  const std::string disk = ds_.Join(rel);
+  const std::string disk = ds_.DatastoreJoin(rel);
   kel::testing::WriteFile(LunPRFilePath(disk), "reservation");
+  LockHolder serving(disk, /*exclusive=*/false);
+  ASSERT_TRUE(serving.locked());
   {
     kel::platform::ScopedFakeClock clock;
-    SharedHolder serving(disk);
-    EXPECT_EQ("The disk is locked by another host", MessageOf([&] { RemoveLun(1, rel, "t1"); }));
+    EXPECT_EQ("The disk is locked by another host", ErrorOf([&] { RemoveLun(1, rel, "t1"); }));
     EXPECT_EQ(31u, log_.Count("Util: Can not remove LUN disk "));
     EXPECT_TRUE(log_.Contains("reason: The disk is locked by another host. Retrying... 30"));
     EXPECT_FALSE(log_.Contains("Retrying... 31"));
     EXPECT_TRUE(log_.Contains("Failed to remove LUN " + GetTargetsDirPath() + "/" + rel +
                               " after 30 seconds. Giving up. For more details please see "
-                              "keld.log on host kel-test-host and retry removing...Last error "
+                              "keld.log on host host-a and retry removing...Last error "
                               "The disk is locked by another host."))
         << log_.Joined();
     EXPECT_EQ(30u, clock.clock().Sleeps().size());
@@ -179,13 +140,14 @@ TEST_F(LunDiskTest, RemovalWaitsForTheServingHostAndGivesUpAfter31Probes) {
   EXPECT_TRUE(PathExists(disk));
   EXPECT_TRUE(PathExists(LunPRFilePath(disk)));
 
-  // The owner lets go during the fifth wait: the next probe succeeds.
+  // kelUseDomExclSession 2 selects the session-based probe, which sees the lock all the same. The
+  // owner lets go during the fifth wait: the next probe succeeds.
+  ds_.SetOption("ORSA-iSCSI", "kelUseDomExclSession", 2);
   log_.Clear();
-  SharedHolder serving(disk);
-  ActingClock clock(5, [&serving] { serving.Release(); });
-  kel::platform::SetClockForTest(&clock);
+  ScriptedClock clock([&serving](int n) {
+    if (n == 5) serving.Release();
+  });
   RemoveLun(1, rel, "t1");
-  kel::platform::SetClockForTest(nullptr);
   EXPECT_EQ(5u, clock.Sleeps().size());
   EXPECT_EQ(5u, log_.Count("Util: Can not remove LUN disk "));
   EXPECT_FALSE(PathExists(disk));
@@ -193,58 +155,11 @@ TEST_F(LunDiskTest, RemovalWaitsForTheServingHostAndGivesUpAfter31Probes) {
   EXPECT_FALSE(log_.Contains("Failed to get iscsi version"));
 }
 
-TEST_F(LunDiskTest, RemovalWaitsForAChildProcessHoldingTheDisk) {
-  const std::string rel = NewLun();
-  const std::string disk = ds_.Join(rel);
-  int ready[2], release[2];
-  ASSERT_EQ(0, pipe(ready));
-  ASSERT_EQ(0, pipe(release));
-  pid_t child = fork();
-  ASSERT_GE(child, 0);
-  if (child == 0) {
-    close(ready[0]);
-    close(release[1]);  // so that the parent's close is seen as end of file
-    int fd = open(disk.c_str(), O_RDONLY);
-    struct flock fl = {};
-    fl.l_type = F_RDLCK;
-    fl.l_whence = SEEK_SET;
-    char c = fcntl(fd, F_OFD_SETLK, &fl) == 0 ? 'y' : 'n';
-    if (write(ready[1], &c, 1) != 1) _exit(2);
-    (void)!read(release[0], &c, 1);  // until the parent closes its end
-    _exit(0);
-  }
-  close(ready[1]);
-  close(release[0]);
-  char c = 0;
-  ASSERT_EQ(1, read(ready[0], &c, 1));
-  ASSERT_EQ('y', c);
-  close(ready[0]);
-
-  // kelUseDomExclSession 2 selects the session-based probe; it sees the lock all the same.
-  ds_.SetOption("ORSA-iSCSI", "kelUseDomExclSession", 2);
-  {
-    kel::platform::ScopedFakeClock clock;
-    EXPECT_THROW(RemoveLun(1, rel, "t1"), OrsaCtlException);
-    EXPECT_EQ(30u, clock.clock().Sleeps().size());
-  }
-  EXPECT_TRUE(PathExists(disk));
-  close(release[1]);
-  int status = 0;
-  ASSERT_EQ(child, waitpid(child, &status, 0));
-  EXPECT_TRUE(WIFEXITED(status));
-  EXPECT_EQ(0, WEXITSTATUS(status));
-
-  kel::platform::ScopedFakeClock clock;
-  RemoveLun(1, rel, "t1");
-  EXPECT_FALSE(PathExists(disk));
-  EXPECT_TRUE(clock.clock().Sleeps().empty());
-}
-
 TEST_F(LunDiskTest, RemovalOfADiskWithoutFormatVersionWarnsAndProceeds) {
   kel::platform::ScopedFakeClock clock;
   // A disk made by hand: no object attributes at all.
   const std::string rel = target_ + "/handmade.pemo";
-  kel::testing::WriteFile(ds_.Join(rel), "");
+  kel::testing::WriteFile(ds_.DatastoreJoin(rel), "");
   ds_.SetOption("ORSA-iSCSI", "kelUseDomExclSession", 1);
   RemoveLun(4, rel, "t1");
   EXPECT_TRUE(log_.Contains("Util: Failed to get iscsi version for LUN: " + GetTargetsDirPath() +
@@ -252,13 +167,13 @@ TEST_F(LunDiskTest, RemovalOfADiskWithoutFormatVersionWarnsAndProceeds) {
                             ". Will try to use ZOFS lock and DOM exclusive session "
                             "to detect LUN released by the owner."))
       << log_.Joined();
-  EXPECT_FALSE(PathExists(ds_.Join(rel)));
+  EXPECT_FALSE(PathExists(ds_.DatastoreJoin(rel)));
 }
 
 TEST_F(LunDiskTest, PersistentReservationFileSitsNextToTheDisk) {
   EXPECT_EQ("/a/b/.c.pemo.pr", LunPRFilePath("/a/b/c.pemo"));
   EXPECT_EQ("./.c.pemo.pr", LunPRFilePath("c.pemo"));
-  const std::string disk = ds_.Join(NewLun());
+  const std::string disk = ds_.DatastoreJoin(NewLun());
   RemovePRFile("t1", disk);  // none there: nothing to say
   EXPECT_FALSE(log_.Contains("Failed to remove PR info"));
   kel::testing::WriteFile(LunPRFilePath(disk), "x");
@@ -276,18 +191,18 @@ TEST_F(LunDiskTest, PersistentReservationFileSitsNextToTheDisk) {
 }
 
 TEST_F(LunDiskTest, GrowingKeepsThePolicyReservation) {
-  const std::string disk = ds_.Join(NewLun(2048, "((\"proportionalCapacity\" i50))"));
+  const std::string disk = ds_.DatastoreJoin(NewLun(2048, "((\"proportionalCapacity\" i50))"));
   GrowLunDisk(disk, 16384);
   EXPECT_EQ(16384u, GetLunDiskSectors(disk));
   EXPECT_GE(kel::testing::AllocatedBytes(disk), 16384u * 512u / 2);
   EXPECT_EQ("Failed to grow LUN disk " + disk +
                 " to 100 sectors with error: A virtual disk "
                 "cannot shrink",
-            MessageOf([&] { GrowLunDisk(disk, 100); }));
+            ErrorOf([&] { GrowLunDisk(disk, 100); }));
   EXPECT_EQ(16384u, GetLunDiskSectors(disk));
-  EXPECT_EQ("Failed to get capacity of LUN disk " + ds_.Join("x") +
+  EXPECT_EQ("Failed to get capacity of LUN disk " + ds_.DatastoreJoin("x") +
                 " with error: No such file or directory",
-            MessageOf([&] { GetLunDiskSectors(ds_.Join("x")); }));
+            ErrorOf([&] { GetLunDiskSectors(ds_.DatastoreJoin("x")); }));
 }
 
 TEST(LunIds, LowestFreeIdIsReused) {
@@ -364,11 +279,11 @@ TEST_F(LunDiskTest, PathLookupReadsKelConf) {
   GetLunPathById("one", 5, out);
   EXPECT_EQ(target_ + "/b.pemo", out);
   EXPECT_EQ("Failed to find path for LUN 1 on target one",
-            MessageOf([] { GetLunPathById("one", 1); }));
+            ErrorOf([] { GetLunPathById("one", 1); }));
   EXPECT_EQ("Failed to find path for LUN 0 on target two",
-            MessageOf([] { GetLunPathById("two", 0); }));
+            ErrorOf([] { GetLunPathById("two", 0); }));
   EXPECT_EQ("Failed to find path for LUN 300 on target one",
-            MessageOf([] { GetLunPathById("one", 300); }));
+            ErrorOf([] { GetLunPathById("one", 300); }));
 }
 
 }  // namespace

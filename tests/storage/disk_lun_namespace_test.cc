@@ -18,8 +18,7 @@
 #include "platform/testing/fault_fs.h"
 #include "storage/namespace.h"
 #include "storage/paths.h"
-#include "tests/platform/fs_test_util.h"
-#include "tests/support/test_support.h"
+#include "tests/support/test_host.h"
 
 namespace NukCtl {
 namespace Orsa {
@@ -32,15 +31,6 @@ using kel::platform::testing::FaultFs;
 using kel::platform::testing::ScopedFaultFs;
 using kel::testing::PathExists;
 using kel::testing::TreeDigest;
-
-std::string MessageOf(const std::function<void()>& fn) {
-  try {
-    fn();
-  } catch (const OrsaCtlException& e) {
-    return e.GetMessage();
-  }
-  return "no failure";
-}
 
 std::string LinkText(const std::string& path) {
   char buf[256] = {};
@@ -59,7 +49,7 @@ class NamespaceTest : public ::testing::Test {
     CreateNamespaceDir("");
     CreateConfigDirs();
   }
-  kel::testing::ScopedDatastore ds_;
+  kel::testing::TestHost ds_;
   kel::platform::ScopedFakeClock clock_;
   kel::log::LogCapture log_;
 };
@@ -69,7 +59,7 @@ TEST_F(NamespaceTest, ConfigurationNamespaceIsCreatedOnceAndFoundByItsLink) {
   const std::string link = GetConfigNamespacePath();
   const std::string uuid = LinkText(link);
   ASSERT_EQ(36u, uuid.size());
-  EXPECT_TRUE(PathExists(ds_.Join(uuid)));
+  EXPECT_TRUE(PathExists(ds_.DatastoreJoin(uuid)));
   EXPECT_EQ(uuid, UuidToString(GetNamespaceUuid()));
   uint8_t raw[16];
   ASSERT_EQ(NUK_OK, KeldGetNamespaceUuid(raw));
@@ -84,10 +74,10 @@ TEST_F(NamespaceTest, ConfigurationNamespaceIsCreatedOnceAndFoundByItsLink) {
                                 "Creating namespace '.iSCSI-CONFIG'")))
       << log_.Joined();
 
-  const std::string before = TreeDigest(ds_.path());
+  const std::string before = TreeDigest(ds_.datastore());
   log_.Clear();
   CreateNamespaceDir("((\"locality\" \"Preferred\"))");
-  EXPECT_EQ(before, TreeDigest(ds_.path()));
+  EXPECT_EQ(before, TreeDigest(ds_.datastore()));
   EXPECT_TRUE(log_.Contains(
       "Util: Orsa iSCSI Target namespace already exists. Skipping namespace creation.."))
       << log_.Joined();
@@ -99,12 +89,12 @@ TEST_F(NamespaceTest, ConfigurationNamespaceIsCreatedOnceAndFoundByItsLink) {
 
   DeleteNamespaceDir();
   EXPECT_FALSE(PathExists(link));
-  EXPECT_FALSE(PathExists(ds_.Join(uuid)));
+  EXPECT_FALSE(PathExists(ds_.DatastoreJoin(uuid)));
   DeleteNamespaceDir();  // nothing there: nothing to do
   EXPECT_EQ(
       "Failed to update policy of Orsa iSCSI target namespace with error: Failed to get "
       "KEL namespace UUID with status: Failure",
-      MessageOf([] { UpdateNamespacePolicy(""); }));
+      kel::testing::ErrorOf([] { UpdateNamespacePolicy(""); }));
 }
 
 TEST_F(NamespaceTest, NamespaceUuidLookupFailuresAreStatuses) {
@@ -114,7 +104,7 @@ TEST_F(NamespaceTest, NamespaceUuidLookupFailuresAreStatuses) {
                             GetConfigNamespacePath() + ".: No such file or directory"))
       << log_.Joined();
   EXPECT_EQ("Failed to get KEL namespace UUID with status: Failure",
-            MessageOf([] { GetNamespaceUuid(); }));
+            kel::testing::ErrorOf([] { GetNamespaceUuid(); }));
 
   ASSERT_EQ(0, symlink("not-a-uuid", GetConfigNamespacePath().c_str()));
   EXPECT_EQ(NUK_FAILURE, KeldGetNamespaceUuid(raw));
@@ -129,9 +119,8 @@ TEST_F(NamespaceTest, NamespaceUuidLookupFailuresAreStatuses) {
   EXPECT_EQ(0x0f, raw[0]);
   EXPECT_EQ(0x01, raw[15]);
 
-  kel::platform::HostConfig config = *kel::platform::CurrentHostConfig();
-  config.datastorePath = std::string(5000, 'd');  // does not fit the platform's path buffer
-  kel::platform::SetCurrentHostConfig(config);
+  ds_.config().datastorePath = std::string(5000, 'd');  // does not fit the platform's buffer
+  ds_.Apply();
   EXPECT_EQ(NUK_BAD_PARAM, KeldGetNamespaceUuid(raw));
   EXPECT_TRUE(log_.Contains("KELD: KeldGetNamespaceUuid: Failed to get orsaDataStoreUUIDPath."))
       << log_.Joined();
@@ -139,7 +128,7 @@ TEST_F(NamespaceTest, NamespaceUuidLookupFailuresAreStatuses) {
 
 TEST_F(NamespaceTest, ConfigDirectoriesAreMadeAndRemovedWithTheirMessages) {
   EXPECT_EQ("Failed to create dir " + GetConfigDirPath() + " with errno (2).",
-            MessageOf([] { CreateConfigDirs(); }));  // no namespace yet
+            kel::testing::ErrorOf([] { CreateConfigDirs(); }));  // no namespace yet
   EXPECT_TRUE(log_.Contains("Util: Failed to create dir " + GetConfigDirPath()));
   MakeConfigNamespace();
   struct stat st;
@@ -156,7 +145,7 @@ TEST_F(NamespaceTest, ConfigDirectoriesAreMadeAndRemovedWithTheirMessages) {
   kel::testing::WriteFile(GetConfFilePath(), "generation 1\n");
   kel::testing::WriteFile(GetTargetsDirPath() + "/stray", "");
   EXPECT_EQ("Failed to remove dir " + GetTargetsDirPath() + " with (errno 39).",
-            MessageOf([] { DeleteConfigDirs(); }));
+            kel::testing::ErrorOf([] { DeleteConfigDirs(); }));
   EXPECT_FALSE(PathExists(GetConfFilePath()));
   EXPECT_FALSE(PathExists(GetConfigDirPath()));
   ASSERT_EQ(0, unlink((GetTargetsDirPath() + "/stray").c_str()));
@@ -172,10 +161,10 @@ TEST_F(NamespaceTest, ConfigDirectoriesAreMadeAndRemovedWithTheirMessages) {
   ScopedFaultFs faulty;
   faulty.fs().FailNext(FaultFs::Op::kUnlink, EACCES, 1, "kel.conf");
   EXPECT_EQ("Failed to remove config file " + GetConfFilePath() + " (Permission denied)",
-            MessageOf([] { DeleteConfigDirs(); }));
+            kel::testing::ErrorOf([] { DeleteConfigDirs(); }));
   faulty.fs().FailNext(FaultFs::Op::kMakeDir, EACCES);
   EXPECT_EQ("Failed to create dir " + GetConfigDirPath() + " with errno (13).",
-            MessageOf([] { CreateConfigDirs(); }));
+            kel::testing::ErrorOf([] { CreateConfigDirs(); }));
 }
 
 TEST_F(NamespaceTest, TargetNamespaceIsLinkedIntoTheTargetsDirectory) {
@@ -192,18 +181,18 @@ TEST_F(NamespaceTest, TargetNamespaceIsLinkedIntoTheTargetsDirectory) {
 
   UpdateTargetNamespacePolicy(uuid, "((\"locality\" \"Preferred\"))");
   std::string policy;
-  ASSERT_TRUE(kel::platform::ReadObjectPolicy(ds_.Join(uuid), &policy));
+  ASSERT_TRUE(kel::platform::ReadObjectPolicy(ds_.DatastoreJoin(uuid), &policy));
   EXPECT_EQ("((\"locality\" \"Preferred\"))", policy);
   const std::string missing = "00000000-0000-4000-8000-000000000000";
   EXPECT_EQ("Failed to update policy of target namespace " + missing +
                 " with error: Failed to update namespace " + missing +
                 ": No such file or directory",
-            MessageOf([&] { UpdateTargetNamespacePolicy(missing, ""); }));
+            kel::testing::ErrorOf([&] { UpdateTargetNamespacePolicy(missing, ""); }));
 
-  kel::testing::WriteFile(ds_.Join(uuid) + "/lun.pemo", "data");
+  kel::testing::WriteFile(ds_.DatastoreJoin(uuid) + "/lun.pemo", "data");
   DeleteTargetNamespace(uuid);
   EXPECT_FALSE(PathExists(link));
-  EXPECT_FALSE(PathExists(ds_.Join(uuid)));
+  EXPECT_FALSE(PathExists(ds_.DatastoreJoin(uuid)));
   EXPECT_TRUE(log_.Contains("Util: Delete target namespace, target uuid: " + uuid));
 }
 
@@ -226,11 +215,11 @@ TEST_F(NamespaceTest, LinkThatWorksOnTheSecondAttemptLogsOneRetryAndSleepsOnce) 
 
 TEST_F(NamespaceTest, LinkThatNeverWorksLeavesNoNamespaceBehind) {
   MakeConfigNamespace();
-  const std::string before = TreeDigest(ds_.path());
+  const std::string before = TreeDigest(ds_.datastore());
   ScopedFaultFs faulty;
   faulty.fs().FailNext(FaultFs::Op::kSymlink, EACCES, -1, "/targets/");
   std::string uuid;
-  std::string message = MessageOf([&] { CreateTargetNamespace("", uuid); });
+  std::string message = kel::testing::ErrorOf([&] { CreateTargetNamespace("", uuid); });
   const std::string link = GetTargetsDirPath() + "/" + uuid;
   EXPECT_EQ("Failed to create target symlink(" + link + "->../../" + uuid +
                 ") with error: Permission denied (13)",
@@ -243,7 +232,7 @@ TEST_F(NamespaceTest, LinkThatNeverWorksLeavesNoNamespaceBehind) {
       << log_.Joined();
   EXPECT_EQ(11u, clock_.clock().Sleeps().size());
   EXPECT_EQ(std::chrono::milliseconds(11000), clock_.clock().TotalSlept());
-  EXPECT_EQ(before, TreeDigest(ds_.path()));
+  EXPECT_EQ(before, TreeDigest(ds_.datastore()));
 }
 
 TEST_F(NamespaceTest, DeletingATargetWithoutLinkDeletesNothing) {
@@ -251,11 +240,11 @@ TEST_F(NamespaceTest, DeletingATargetWithoutLinkDeletesNothing) {
   std::string uuid;
   CreateTargetNamespace("", uuid);
   ASSERT_EQ(0, unlink((GetTargetsDirPath() + "/" + uuid).c_str()));
-  const std::string before = TreeDigest(ds_.path());
+  const std::string before = TreeDigest(ds_.datastore());
   EXPECT_EQ("Util: Cannot find target namespace dir for target " + uuid,
-            MessageOf([&] { DeleteTargetNamespace(uuid); }));
-  EXPECT_EQ(before, TreeDigest(ds_.path()));
-  EXPECT_TRUE(PathExists(ds_.Join(uuid)));
+            kel::testing::ErrorOf([&] { DeleteTargetNamespace(uuid); }));
+  EXPECT_EQ(before, TreeDigest(ds_.datastore()));
+  EXPECT_TRUE(PathExists(ds_.DatastoreJoin(uuid)));
 
   // A link that cannot be removed stops before the namespace is touched.
   ASSERT_EQ(0, symlink(("../../" + uuid).c_str(), (GetTargetsDirPath() + "/" + uuid).c_str()));
@@ -263,14 +252,14 @@ TEST_F(NamespaceTest, DeletingATargetWithoutLinkDeletesNothing) {
   faulty.fs().FailNext(FaultFs::Op::kUnlink, EPERM, 1, "/targets/");
   EXPECT_EQ("Util: Failed to remove target symlink: " + GetTargetsDirPath() + "/" + uuid +
                 " with error: Operation not permitted",
-            MessageOf([&] { DeleteTargetNamespace(uuid); }));
-  EXPECT_TRUE(PathExists(ds_.Join(uuid)));
+            kel::testing::ErrorOf([&] { DeleteTargetNamespace(uuid); }));
+  EXPECT_TRUE(PathExists(ds_.DatastoreJoin(uuid)));
   // A namespace that cannot be deleted is reported with the target's UUID.
   faulty.fs().FailNext(FaultFs::Op::kRename, EBUSY, 1, uuid);
   EXPECT_EQ("Failed to delete namespace for target with UUID " + uuid +
                 " with error: Failed to delete namespace " + uuid + ": Device or resource busy",
-            MessageOf([&] { DeleteTargetNamespace(uuid); }));
-  EXPECT_TRUE(PathExists(ds_.Join(uuid)));
+            kel::testing::ErrorOf([&] { DeleteTargetNamespace(uuid); }));
+  EXPECT_TRUE(PathExists(ds_.DatastoreJoin(uuid)));
 }
 
 }  // namespace

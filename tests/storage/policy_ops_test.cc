@@ -12,8 +12,7 @@
 #include "storage/lun_disk.h"
 #include "storage/namespace.h"
 #include "storage/paths.h"
-#include "tests/platform/fs_test_util.h"
-#include "tests/support/test_support.h"
+#include "tests/support/test_host.h"
 
 namespace NukCtl {
 namespace Orsa {
@@ -25,18 +24,11 @@ using HostCtl::Lib::Orsa::OrsaCtlException;
 using HostCtl::Orsa::IscsiTarget::LunInfo;
 using HostCtl::Orsa::IscsiTarget::NamespaceInfo;
 
-std::string MessageOf(const std::function<void()>& fn) {
-  try {
-    fn();
-  } catch (const OrsaCtlException& e) {
-    return e.GetMessage();
-  }
-  return "no failure";
-}
-
 class PolicyOpsTest : public ::testing::Test {
  protected:
   void SetUp() override {
+    ds_.config().hostSite = "Preferred";
+    ds_.Apply();
     ASSERT_EQ(NUK_OK, OrsaCompliance_Init(&handle_));
     CreateNamespaceDir("((\"locality\" \"Preferred\"))");
     CreateConfigDirs();
@@ -45,7 +37,7 @@ class PolicyOpsTest : public ::testing::Test {
     kel::platform::SetComplianceSiteResolver(nullptr);
     OrsaCompliance_Deinit(handle_);
   }
-  kel::testing::ScopedDatastore ds_{"Preferred"};
+  kel::testing::TestHost ds_;
   OrsaComplianceHandle* handle_ = nullptr;
 };
 
@@ -55,12 +47,12 @@ TEST_F(PolicyOpsTest, VerifyAndDatastoreDefault) {
   EXPECT_EQ(
       "Invalid storage policy '((\"speed\" i1))': unknown rule \"speed\" (known rules: "
       "\"proportionalCapacity\", \"locality\")",
-      MessageOf([] { VerifyPolicy("((\"speed\" i1))"); }));
+      kel::testing::ErrorOf([] { VerifyPolicy("((\"speed\" i1))"); }));
 
   EXPECT_EQ("", GetDatastoreDefaultPolicy());
   SetDatastoreDefaultPolicy(" ((\"proportionalCapacity\"  i30)) ");
   EXPECT_EQ("((\"proportionalCapacity\" i30))", GetDatastoreDefaultPolicy());
-  EXPECT_EQ(0u, MessageOf([] { SetDatastoreDefaultPolicy("(("); }).find("Invalid storage policy"));
+  EXPECT_EQ(0u, kel::testing::ErrorOf([] { SetDatastoreDefaultPolicy("(("); }).find("Invalid storage policy"));
   EXPECT_EQ("((\"proportionalCapacity\" i30))", GetDatastoreDefaultPolicy());
 
   // A disk created with an empty policy gets the default and its reservation.
@@ -68,9 +60,9 @@ TEST_F(PolicyOpsTest, VerifyAndDatastoreDefault) {
   CreateTargetNamespace("", target);
   CreateLun("0", "t", target, 8192, "", path, uuid);
   std::string stored;
-  ASSERT_TRUE(kel::platform::ReadObjectPolicy(ds_.Join(path), &stored));
+  ASSERT_TRUE(kel::platform::ReadObjectPolicy(ds_.DatastoreJoin(path), &stored));
   EXPECT_EQ("((\"proportionalCapacity\" i30))", stored);
-  EXPECT_GE(kel::testing::AllocatedBytes(ds_.Join(path)), 8192u * 512u * 30 / 100);
+  EXPECT_GE(kel::testing::AllocatedBytes(ds_.DatastoreJoin(path)), 8192u * 512u * 30 / 100);
 }
 
 TEST_F(PolicyOpsTest, ComplianceOfTargetNamespacesAndDisksByUuid) {
@@ -114,7 +106,7 @@ TEST_F(PolicyOpsTest, ComplianceOfTargetNamespacesAndDisksByUuid) {
   GetPolicyComplianceStatusForObject(handle_, uuid, policy, compliant, true);  // not a namespace
   EXPECT_FALSE(compliant);
 
-  EXPECT_EQ("Orsa compliance lib is not initialized", MessageOf([&] {
+  EXPECT_EQ("Orsa compliance lib is not initialized", kel::testing::ErrorOf([&] {
               GetPolicyComplianceStatusForObject(nullptr, target, policy, compliant, true);
             }));
 }
@@ -126,7 +118,7 @@ TEST_F(PolicyOpsTest, LunComplianceFollowsReservationAndUpdates) {
   LunInfo lun;
   lun.id = 2;
   lun.targetAlias = "t";
-  lun.path = ds_.Join(path);
+  lun.path = ds_.DatastoreJoin(path);
   GetPolicyComplianceStatusForLun(handle_, lun);
   EXPECT_EQ("((\"proportionalCapacity\" i50))", lun.storagePolicy);
   EXPECT_TRUE(lun.policyCompliant);
@@ -152,12 +144,12 @@ TEST_F(PolicyOpsTest, LunComplianceFollowsReservationAndUpdates) {
   EXPECT_TRUE(lun.policyCompliant);
 
   update.storagePolicy = "((\"locality\" \"Nowhere\"))";
-  EXPECT_EQ(0u, MessageOf([&] { UpdateLunPolicy(update); })
+  EXPECT_EQ(0u, kel::testing::ErrorOf([&] { UpdateLunPolicy(update); })
                     .find("Failed to update policy of LUN 2 on target t with error: Invalid "
                           "storage policy"));
 
   LunInfo gone;
-  gone.path = ds_.Join(target + "/missing.pemo");
+  gone.path = ds_.DatastoreJoin(target + "/missing.pemo");
   gone.storagePolicy = "stale";
   gone.policyCompliant = true;
   GetPolicyComplianceStatusForLun(handle_, gone);
@@ -182,12 +174,12 @@ TEST_F(PolicyOpsTest, UpdateLunPolicyFindsTheDiskThroughKelConf) {
   lun.targetAlias = "t";
   lun.storagePolicy = "((\"proportionalCapacity\" i100))";
   UpdateLunPolicy(lun);
-  EXPECT_GE(kel::testing::AllocatedBytes(ds_.Join(path)), 4096u * 512u);
+  EXPECT_GE(kel::testing::AllocatedBytes(ds_.DatastoreJoin(path)), 4096u * 512u);
   lun.id = 4;
   EXPECT_EQ(
       "Failed to update policy of LUN 4 on target t with error: Failed to find path for "
       "LUN 4 on target t",
-      MessageOf([&] { UpdateLunPolicy(lun); }));
+      kel::testing::ErrorOf([&] { UpdateLunPolicy(lun); }));
 }
 
 TEST_F(PolicyOpsTest, NamespaceComplianceReportsItsPolicy) {
@@ -206,7 +198,7 @@ TEST_F(PolicyOpsTest, NamespaceComplianceReportsItsPolicy) {
   EXPECT_EQ("", info.storagePolicy);
   EXPECT_FALSE(info.policyCompliant);
   EXPECT_EQ("Orsa compliance lib is not initialized",
-            MessageOf([&] { GetPolicyComplianceStatusForNamespace(nullptr, info); }));
+            kel::testing::ErrorOf([&] { GetPolicyComplianceStatusForNamespace(nullptr, info); }));
 }
 
 }  // namespace
