@@ -193,20 +193,6 @@ TEST(KelctlService, EveryNounAgainstTheService) {
   }
 }
 
-TEST(KelctlService, HelpNamesTheOptions) {
-  TestHost env;
-  Kelctl k(env);
-  const CommandResult all = k.Run({"--help"});
-  EXPECT_EQ(all.exit_code, 0);
-  for (const char* option :
-       {"--config", "--json", "--verbose", "--fail-if-unchanged", "--chap-secret-file",
-        "--mutual-secret-file", "--mutual-user", "--no-initiators", "--initiator", "--site",
-        "--policy", "--skip-compliance", "--local", "--retries", "--new-id", "--new-target",
-        "--compliance", "--force", "--status", "--interface", "--port", "--size"}) {
-    EXPECT_NE(all.out.find(option), std::string::npos) << option;
-  }
-}
-
 }  // namespace
 }  // namespace testing
 }  // namespace kel

@@ -1,13 +1,23 @@
+// kel.conf's cluster-wide lock: the file layer's waits and retries against other processes, and
+// the handle that reads, writes and backs up the file under it.
 #include "conf/conf_handle.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <chrono>
 #include <cstdint>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "conf/conf.h"
 #include "conf/conf_backup.h"
+#include "conf/conf_file.h"
 #include "platform/clock.h"
 #include "platform/clog.h"
 #include "platform/exception.h"
@@ -22,15 +32,235 @@ using kel::log::LogCapture;
 using kel::testing::LockHolder;
 using kel::testing::ReadFile;
 using kel::testing::ScriptedClock;
+using kel::testing::TempDir;
+using kel::testing::WriteFile;
 using NukCtl::Orsa::IscsiTarget::ConfHandle;
+using std::chrono::milliseconds;
 
 // A host whose kel.conf holds `text` (no file when it is empty).
 struct ConfEnv : kel::testing::TestHost {
   explicit ConfEnv(const std::string& text = "generation 1\n") {
     MakeConfigNamespace();
-    if (!text.empty()) kel::testing::WriteFile(conf_path(), text, 0600);
+    if (!text.empty()) WriteFile(conf_path(), text, 0600);
   }
 };
+
+class ConfFile : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    saved_level_ = log_get_level();
+    log_init(4);
+    path_ = dir_.Join("kel.conf");
+  }
+  void TearDown() override { log_init(saved_level_); }
+
+  std::vector<milliseconds> Repeat(int n, int ms) {
+    return std::vector<milliseconds>(n, milliseconds(ms));
+  }
+
+  TempDir dir_;
+  std::string path_;
+  int saved_level_ = 0;
+};
+
+TEST_F(ConfFile, MissingFileIsRetriedFiveTimesTwoSecondsApart) {
+  ScriptedClock clock;
+  LogCapture capture;
+  FioHandle file;
+  EXPECT_EQ(conf_file_open_share_lock(path_.c_str(), &file, 300000), NUK_NOT_FOUND);
+  EXPECT_FALSE(file.Valid());
+  EXPECT_EQ(clock.Sleeps(), Repeat(5, 2000));
+  EXPECT_TRUE(capture.Contains("KELD: requesting share lock for config file " + path_));
+  EXPECT_TRUE(capture.Contains("KELD: open failed for " + path_ +
+                               " after 0 lock retries and 5 not found retries due to error (" +
+                               NUK_ReturnStatusToString(NUK_NOT_FOUND) + ")."))
+      << capture.Joined();
+  EXPECT_TRUE(capture.Contains("KELD: unable to open and lock config file " + path_ +
+                               ": No such file or directory"))
+      << capture.Joined();
+
+  // The not-found budget follows a shorter wait (ceil(3000 / 2000) = 2) and is capped at 10 s.
+  ScriptedClock short_clock;
+  EXPECT_EQ(conf_file_open_exclusive_lock(path_.c_str(), &file, 3000), NUK_NOT_FOUND);
+  EXPECT_EQ(short_clock.Sleeps(), Repeat(2, 2000));
+}
+
+TEST_F(ConfFile, FileThatAppearsWhileWaitingIsOpened) {
+  ScriptedClock clock([&](int n) {
+    if (n == 2) WriteFile(path_, "generation 3\n");
+  });
+  LogCapture capture;
+  FioHandle file;
+  ASSERT_EQ(conf_file_open_exclusive_lock(path_.c_str(), &file, 300000), NUK_OK);
+  EXPECT_TRUE(file.Valid());
+  EXPECT_EQ(fcntl(file.fd, F_GETFL) & O_ACCMODE, O_RDWR);
+  EXPECT_EQ(clock.Sleeps(), Repeat(2, 2000));
+  EXPECT_TRUE(capture.Contains("KELD: open succeeded for " + path_ +
+                               " after 0 lock retries and 2 not found retries"))
+      << capture.Joined();
+  EXPECT_TRUE(capture.Contains("KELD: exclusive lock succeeded for config file " + path_));
+  capture.Clear();
+  EXPECT_EQ(conf_close_file(&file), NUK_OK);
+  EXPECT_FALSE(file.Valid());
+  EXPECT_TRUE(capture.Contains("KELD: unlocked config file"));
+  capture.Clear();
+  EXPECT_EQ(conf_close_file(&file), NUK_OK);  // already closed: nothing to do, nothing logged
+  EXPECT_EQ(capture.Records().size(), 0u);
+}
+
+TEST_F(ConfFile, LockHeldByAnotherProcessIsWaitedForWithinTheBudget) {
+  WriteFile(path_, "generation 1\n");
+  LockHolder holder(path_, /*exclusive=*/true);
+  ASSERT_TRUE(holder.locked());
+  {
+    ScriptedClock clock;
+    LogCapture capture;
+    FioHandle file;
+    EXPECT_EQ(conf_file_open_share_lock(path_.c_str(), &file, 1000), NUK_BUSY);
+    EXPECT_FALSE(file.Valid());
+    EXPECT_EQ(clock.Sleeps(), Repeat(5, 200));
+    EXPECT_TRUE(capture.Contains("KELD: open failed for " + path_ +
+                                 " after 5 lock retries and 0 not found retries due to error (" +
+                                 NUK_ReturnStatusToString(NUK_BUSY) + ")."))
+        << capture.Joined();
+    EXPECT_TRUE(capture.Contains("KELD: unable to open and lock config file " + path_));
+  }
+  {
+    // Budgets round up, and nothing is retried or reported without a budget.
+    ScriptedClock clock;
+    FioHandle file;
+    EXPECT_EQ(conf_file_open_exclusive_lock(path_.c_str(), &file, 1001), NUK_BUSY);
+    EXPECT_EQ(clock.Sleeps(), Repeat(6, 200));
+    ScriptedClock no_wait;
+    LogCapture capture;
+    EXPECT_EQ(conf_file_open_exclusive_lock(path_.c_str(), &file, 0), NUK_BUSY);
+    EXPECT_TRUE(no_wait.Sleeps().empty());
+    EXPECT_FALSE(capture.Contains("open failed for"));
+    EXPECT_TRUE(capture.Contains("unable to open and lock config file"));
+  }
+  {
+    // The lock budget is capped at 600 s.
+    ScriptedClock clock;
+    FioHandle file;
+    EXPECT_EQ(conf_file_open_share_lock(path_.c_str(), &file, 900000), NUK_BUSY);
+    EXPECT_EQ(clock.Sleeps().size(), 3000u);
+  }
+  {
+    // Released after the third sleep: the fourth attempt gets it.
+    ScriptedClock clock([&](int n) {
+      if (n == 3) holder.Release();
+    });
+    LogCapture capture;
+    FioHandle file;
+    ASSERT_EQ(conf_file_open_share_lock(path_.c_str(), &file, 300000), NUK_OK);
+    EXPECT_EQ(fcntl(file.fd, F_GETFL) & O_ACCMODE, O_RDONLY);
+    EXPECT_EQ(clock.Sleeps(), Repeat(3, 200));
+    EXPECT_TRUE(capture.Contains("KELD: open succeeded for " + path_ +
+                                 " after 3 lock retries and 0 not found retries"))
+        << capture.Joined();
+    conf_close_file(&file);
+  }
+}
+
+TEST_F(ConfFile, SharedHoldersDoNotWaitForEachOther) {
+  WriteFile(path_, "generation 1\n");
+  LockHolder reader(path_, /*exclusive=*/false);
+  ASSERT_TRUE(reader.locked());
+  ScriptedClock clock;
+  FioHandle file;
+  ASSERT_EQ(conf_file_open_share_lock(path_.c_str(), &file, 300000), NUK_OK);
+  EXPECT_TRUE(clock.Sleeps().empty());
+  conf_close_file(&file);
+  EXPECT_EQ(conf_file_open_exclusive_lock(path_.c_str(), &file, 400), NUK_BUSY);
+  EXPECT_EQ(clock.Sleeps(), Repeat(2, 200));
+}
+
+TEST_F(ConfFile, AWaitingWriterKeepsNewReadersOutUntilItHasTheFile) {
+  WriteFile(path_, "generation 1\n");
+  LockHolder reader(path_, /*exclusive=*/false);
+  ASSERT_TRUE(reader.locked());
+  // While the writer waits for the reader that is inside, a reader that comes later does not get
+  // in (without the intent file it would, and back-to-back readers would keep the writer out);
+  // the writer gets the file as soon as the first reader leaves.
+  std::vector<NUK_ReturnStatus> latecomers;
+  ScriptedClock clock([&](int n) {
+    FioHandle late;
+    latecomers.push_back(conf_file_open_share_lock(path_.c_str(), &late, 0));
+    conf_close_file(&late);
+    if (n == 3) reader.Release();
+  });
+  LogCapture capture;
+  FioHandle writer;
+  ASSERT_EQ(conf_file_open_exclusive_lock(path_.c_str(), &writer, 300000), NUK_OK);
+  EXPECT_EQ(clock.Sleeps(), Repeat(3, 200));
+  EXPECT_EQ(latecomers, std::vector<NUK_ReturnStatus>(3, NUK_BUSY));
+  EXPECT_TRUE(capture.Contains("KELD: open succeeded for " + path_ +
+                               " after 3 lock retries and 0 not found retries"))
+      << capture.Joined();
+
+  // Holding the file, the writer no longer holds the intent: readers wait for the file itself,
+  // and get it once the writer is done. The intent file is private like kel.conf.
+  const std::string intent = dir_.Join(".kel.conf.intent");
+  struct stat st;
+  ASSERT_EQ(stat(intent.c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 07777, 0600u);
+  LockHolder intentProbe(intent, /*exclusive=*/true);
+  EXPECT_TRUE(intentProbe.locked());
+  intentProbe.Release();
+  ScriptedClock after;
+  FioHandle reader2;
+  EXPECT_EQ(conf_file_open_share_lock(path_.c_str(), &reader2, 400), NUK_BUSY);
+  EXPECT_EQ(after.Sleeps(), Repeat(2, 200));
+  conf_close_file(&writer);
+  ASSERT_EQ(conf_file_open_share_lock(path_.c_str(), &reader2, 0), NUK_OK);
+  conf_close_file(&reader2);
+}
+
+// Several processes reading back to back, each holding the file a while, so that at every moment
+// one of them holds it. A writer still gets in within a few polling rounds of its budget.
+TEST_F(ConfFile, OverlappingReaderProcessesDoNotStarveAWriter) {
+  WriteFile(path_, "generation 1\n");
+  log_init(0);  // the readers' lines are of no interest here
+  int ready[2];
+  ASSERT_EQ(pipe(ready), 0);
+  std::vector<pid_t> readers;
+  for (int i = 0; i < 4; ++i) {
+    pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+      close(ready[0]);
+      usleep(static_cast<useconds_t>(i) * 10000);  // staggered, so their holds overlap
+      for (bool first = true;; first = false) {
+        FioHandle file;
+        if (conf_file_open_share_lock(path_.c_str(), &file, 300000) != NUK_OK) _exit(3);
+        if (first && write(ready[1], "r", 1) != 1) _exit(2);
+        usleep(40000);
+        conf_close_file(&file);
+      }
+    }
+    readers.push_back(pid);
+  }
+  close(ready[1]);
+  for (size_t i = 0; i < readers.size(); ++i) {
+    char c;
+    ASSERT_EQ(read(ready[0], &c, 1), 1);
+  }
+  close(ready[0]);
+
+  // Real waits, counted: 15 rounds of 200 ms are the writer's whole budget here.
+  ScriptedClock clock([](int) { std::this_thread::sleep_for(std::chrono::milliseconds(200)); });
+  FioHandle writer;
+  const NUK_ReturnStatus status = conf_file_open_exclusive_lock(path_.c_str(), &writer, 3000);
+  const size_t rounds = clock.Sleeps().size();
+  conf_close_file(&writer);
+  for (pid_t pid : readers) {
+    kill(pid, SIGKILL);
+    int ignored;
+    waitpid(pid, &ignored, 0);
+  }
+  EXPECT_EQ(status, NUK_OK);
+  EXPECT_LE(rounds, 3u);
+}
 
 class ConfHandleTest : public ::testing::Test {
  protected:
@@ -106,27 +336,11 @@ TEST_F(ConfHandleTest, WritesRaiseTheGenerationAndKeepTheFileLockedAndPrivate) {
 
 TEST_F(ConfHandleTest, FailedConstructionLeavesNoLockBehind) {
   {
-    // Missing file: retried 5 times, 2 s apart.
+    // Missing file (the file layer's retries are checked above).
     ConfEnv env("");
     ScriptedClock clock;
     EXPECT_EQ(ConstructError(ConfHandle::kExclusive),
               "Parser: exclusive lock failed on " + env.conf_path());
-    EXPECT_EQ(clock.Sleeps(),
-              std::vector<std::chrono::milliseconds>(5, std::chrono::milliseconds(2000)));
-  }
-  {
-    // Held exclusively by another process: the reader waits, then fails.
-    ConfEnv env;
-    LockHolder holder(env.conf_path(), /*exclusive=*/true);
-    ASSERT_TRUE(holder.locked());
-    ScriptedClock clock;
-    ConfHandle::SetLockWaitMsForTest(2000);
-    EXPECT_EQ(ConstructError(ConfHandle::kShared),
-              "Parser: share lock failed on " + env.conf_path());
-    EXPECT_EQ(clock.Sleeps(),
-              std::vector<std::chrono::milliseconds>(10, std::chrono::milliseconds(200)));
-    holder.Release();
-    EXPECT_TRUE(Unlocked(env.conf_path()));
   }
   {
     // A file that does not parse: the lock is dropped again.

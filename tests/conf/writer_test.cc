@@ -143,29 +143,15 @@ TEST(ConfWriter, ExactOutputOfEveryConstruct) {
 }
 
 TEST(ConfWriter, Base64Limits) {
+  // 21 bytes encode to 28 characters; 22 bytes to 32, which does not fit below 32.
   char out[32];
+  const unsigned char bytes[22] = {};
+  Base64EncodeWrapper(bytes, 21, out, sizeof(out));
+  EXPECT_EQ(strlen(out), 28u);
+  EXPECT_EQ(kel::testing::ErrorOf([&] { Base64EncodeWrapper(bytes, 22, out, sizeof(out)); }),
+            "Base64_Encode failed: Unexpected encoding size");
   Base64EncodeWrapper(reinterpret_cast<const unsigned char*>("abc"), 3, out, sizeof(out));
   EXPECT_STREQ(out, "YWJj");
-  Base64EncodeWrapper(reinterpret_cast<const unsigned char*>(""), 0, out, sizeof(out));
-  EXPECT_STREQ(out, "");
-  // 21 bytes encode to 28 characters; 22 bytes to 32, which does not fit below 32.
-  std::string s21(21, 'x'), s22(22, 'x');
-  Base64EncodeWrapper(reinterpret_cast<const unsigned char*>(s21.data()), 21, out, sizeof(out));
-  EXPECT_EQ(strlen(out), 28u);
-  try {
-    Base64EncodeWrapper(reinterpret_cast<const unsigned char*>(s22.data()), 22, out, sizeof(out));
-    ADD_FAILURE();
-  } catch (const OrsaCtlException& e) {
-    EXPECT_EQ(e.GetMessage(), "Base64_Encode failed: Unexpected encoding size");
-  }
-  char small[4];
-  EXPECT_THROW(Base64EncodeWrapper(reinterpret_cast<const unsigned char*>("abc"), 3, small, 4),
-               OrsaCtlException);
-
-  auto conf = LoadConfText("");
-  struct auth_group* ag = auth_group_new(conf.get(), "ag");
-  auth_new_chap(ag, "u", s22.c_str(), false);
-  EXPECT_THROW(WriteConfText(conf.get()), OrsaCtlException);
 }
 
 TEST(ConfWriter, DropsWhatTheServiceDoesNotManage) {

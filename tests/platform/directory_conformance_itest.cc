@@ -18,7 +18,6 @@
 #include "platform/host_config.h"
 #include "platform/lodex.h"
 #include "tests/support/etcd_fixture.h"
-#include "tests/support/test_support.h"
 
 using kel::platform::Directory;
 using kel::platform::DirEntry;
@@ -29,6 +28,8 @@ using kel::platform::HostConfig;
 using kel::platform::MemberRecord;
 using kel::platform::ObjectOwner;
 using kel::platform::RandomDirUuid;
+using kel::testing::Eventually;
+using kel::testing::UpdateAndWait;
 
 namespace {
 
@@ -78,23 +79,6 @@ class Recorder {
   std::condition_variable cv_;
   std::vector<Note> notes_;
 };
-
-NUK_ReturnStatus UpdateAndWait(Directory& dir, const DirEntry& e) {
-  std::mutex mu;
-  std::condition_variable cv;
-  bool done = false;
-  NUK_ReturnStatus result = NUK_PENDING;
-  NUK_ReturnStatus st = dir.Update(e, [&](NUK_ReturnStatus s) {
-    std::lock_guard<std::mutex> guard(mu);
-    result = s;
-    done = true;
-    cv.notify_all();
-  });
-  if (st != NUK_OK) return st;
-  std::unique_lock<std::mutex> lock(mu);
-  cv.wait(lock, [&] { return done; });
-  return result;
-}
 
 DirEntry MakeEntry(uint8_t type, const std::string& data) {
   DirEntry e;
@@ -461,15 +445,6 @@ NUK_ReturnStatus ProbeCallback(void* context, const LODEX_Entry* entry, int, NUK
   return NUK_OK;
 }
 
-bool WaitUntil(const std::function<bool()>& done) {
-  const auto deadline = std::chrono::steady_clock::now() + kWait;
-  while (!done()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  return true;
-}
-
 TYPED_TEST(DirectoryConformance, TheProcessDirectoryClosesSafelyWhileNotificationsRun) {
   kel::platform::SetCurrentHostConfig(this->backend_.Config());
   kel::platform::CloseDirectory();
@@ -500,10 +475,10 @@ TYPED_TEST(DirectoryConformance, TheProcessDirectoryClosesSafelyWhileNotificatio
     // goes away on the notification thread.
     probe.closeInside = cycle % 4 == 3;
     ASSERT_EQ(LODEX_Subscribe(&query, ProbeCallback, &probe), NUK_OK);
-    ASSERT_TRUE(WaitUntil([&] { return probe.calls.load() > 0; }));
+    ASSERT_TRUE(Eventually([&] { return probe.calls.load() > 0; }));
     if (cycle % 4 == 3) {
-      ASSERT_TRUE(WaitUntil([&] { return weak.expired(); }));
-      ASSERT_TRUE(WaitUntil([&] { return probe.ended.load() == 1; }));
+      ASSERT_TRUE(Eventually([&] { return weak.expired(); }));
+      ASSERT_TRUE(Eventually([&] { return probe.ended.load() == 1; }));
     } else {
       kel::platform::CloseDirectory();
       // Nothing of the closed directory runs any more, and its subscription has ended.
@@ -543,7 +518,7 @@ TYPED_TEST(DirectoryConformance, ADirectoryLetGoOnItsOwnThreadShutsDownCleanly) 
                             if (!byNotification) holder->reset();
                           }),
               NUK_OK);
-    ASSERT_TRUE(WaitUntil([&] { return weak.expired(); }));
+    ASSERT_TRUE(Eventually([&] { return weak.expired(); }));
     ASSERT_TRUE(
         rec.WaitFor([](const Recorder::Note& n) { return n.status == NUK_SUBSCRIPTION_ENDED; }));
     int ended = 0;
