@@ -1,10 +1,20 @@
-#include <cstdlib>
-#include <string>
-
+// The host configuration file and the settings store: what is read, refused and kept, and updates
+// from several processes at once.
 #include <gtest/gtest.h>
+
+#include <dirent.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <set>
+#include <string>
 
 #include "platform/exception.h"
 #include "platform/host_config.h"
+#include "platform/settings.h"
 #include "tests/support/test_support.h"
 
 using HostCtl::Lib::Orsa::OrsaCtlException;
@@ -83,6 +93,134 @@ TEST(HostConfig, PrecedenceOfExplicitPathOverEnvironment) {
   EXPECT_EQ(LoadHostConfig(dir.Join("a.json")).hostName, "from-flag");
   EXPECT_EQ(LoadHostConfig("").hostName, "from-env");
   unsetenv("KEL_CONFIG");
+}
+
+}  // namespace
+
+namespace {
+
+using HostCtl::Lib::Orsa::OrsaCtlException;
+using kel::platform::LoadSettings;
+using kel::platform::Settings;
+using kel::platform::UpdateSettings;
+using kel::testing::TempDir;
+
+class SettingsStore : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    kel::platform::HostConfig c = kel::platform::EmbeddedHostConfig();
+    c.stateDir = dir_.Join("state");
+    c.datastorePath = dir_.Join("datastore");
+    c.hostUuid = "11111111-2222-3333-4444-555555555555";
+    c.hostName = "h1";
+    kel::platform::SetCurrentHostConfig(c);
+    path_ = dir_.Join("state/settings.json");
+  }
+
+  // Replaces the file the way another process would (new inode).
+  void ReplaceFile(const std::string& text) {
+    kel::testing::WriteFile(path_ + ".other", text);
+    ASSERT_EQ(rename((path_ + ".other").c_str(), path_.c_str()), 0);
+  }
+
+  TempDir dir_;
+  std::string path_;
+};
+
+TEST_F(SettingsStore, StoresPrivatelyAndFollowsChangesOfOtherProcesses) {
+  EXPECT_EQ(kel::platform::SettingsPath(), path_);
+  Settings empty = LoadSettings();  // nothing stored yet, not even the directory
+  EXPECT_FALSE(empty.serviceEnabled);
+  EXPECT_FALSE(empty.startAtBoot);
+  EXPECT_FALSE(empty.hasDefaults);
+
+  UpdateSettings([](Settings& s) {
+    s.serviceEnabled = true;
+    s.defaults.networkInterface = "nuk0";
+    s.defaults.port = 3261;
+    s.defaults.authType = "CHAP";
+    s.defaults.chapName = "user";
+    s.defaults.chapSecret = "secret-123456";
+    s.hasDefaults = true;
+  });
+  struct stat st;
+  ASSERT_EQ(stat(path_.c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 07777, 0600u);
+  Settings s = LoadSettings();
+  EXPECT_TRUE(s.serviceEnabled);
+  EXPECT_TRUE(s.hasDefaults);
+  EXPECT_EQ(s.defaults.port, 3261);
+  EXPECT_EQ(s.defaults.chapSecret, "secret-123456");
+
+  // A second update keeps what it does not touch.
+  UpdateSettings([](Settings& x) { x.startAtBoot = true; });
+  s = LoadSettings();
+  EXPECT_TRUE(s.serviceEnabled);
+  EXPECT_TRUE(s.startAtBoot);
+  EXPECT_EQ(s.defaults.networkInterface, "nuk0");
+
+  // Another process replaced the file: the cache notices.
+  ReplaceFile(R"({"serviceEnabled": false, "startAtBoot": true, "future": 1})");
+  s = LoadSettings();
+  EXPECT_FALSE(s.serviceEnabled);
+  EXPECT_TRUE(s.startAtBoot);
+  EXPECT_FALSE(s.hasDefaults);
+
+  // Unreadable contents are an error naming the file, and a failed update changes nothing.
+  ReplaceFile("{not json");
+  try {
+    LoadSettings();
+    ADD_FAILURE() << "a corrupt store was read";
+  } catch (const OrsaCtlException& e) {
+    EXPECT_NE(e.GetMessage().find(path_), std::string::npos) << e.GetMessage();
+  }
+  ReplaceFile(R"({"serviceEnabled": true})");
+  EXPECT_THROW(UpdateSettings([](Settings& x) {
+                 x.serviceEnabled = false;
+                 throw OrsaCtlException("refused");
+               }),
+               OrsaCtlException);
+  EXPECT_TRUE(LoadSettings().serviceEnabled);
+  EXPECT_EQ(kel::testing::ReadFile(path_), R"({"serviceEnabled": true})");
+  // Nothing but the store and its lock file is left in the state directory.
+  std::set<std::string> names;
+  DIR* d = opendir(dir_.Join("state").c_str());
+  ASSERT_NE(d, nullptr);
+  while (struct dirent* e = readdir(d)) names.insert(e->d_name);
+  closedir(d);
+  EXPECT_EQ(names, (std::set<std::string>{".", "..", "settings.json", "settings.lock"}));
+}
+
+TEST_F(SettingsStore, ConcurrentUpdatesFromSeveralProcessesAreNotLost) {
+  UpdateSettings([](Settings& s) {
+    s.hasDefaults = true;
+    s.defaults.port = 1000;
+  });
+  constexpr int kProcs = 4;
+  constexpr int kUpdates = 25;
+  pid_t pids[kProcs];
+  for (int p = 0; p < kProcs; ++p) {
+    pids[p] = fork();
+    ASSERT_GE(pids[p], 0);
+    if (pids[p] == 0) {
+      int code = 0;
+      try {
+        for (int i = 0; i < kUpdates; ++i) {
+          UpdateSettings([](Settings& s) { s.defaults.port += 1; });
+          if (LoadSettings().defaults.port < 1001) code = 3;  // a read must see its own write
+        }
+      } catch (...) {
+        code = 2;
+      }
+      _exit(code);
+    }
+  }
+  for (pid_t pid : pids) {
+    int status = 0;
+    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+  }
+  EXPECT_EQ(LoadSettings().defaults.port, 1000 + kProcs * kUpdates);
 }
 
 }  // namespace

@@ -1,11 +1,22 @@
-#include <cerrno>
-#include <string>
-
+// The service and C-side logs, and the command runner whose output reaches them: levels, formats,
+// the 255-character cut, fatal paths, exit codes, and what a child inherits.
 #include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <future>
+#include <string>
+#include <vector>
 
 #include "platform/clog.h"
 #include "platform/exception.h"
+#include "platform/exec.h"
 #include "platform/log.h"
+#include "tests/support/test_support.h"
 
 using HostCtl::Lib::Orsa::OrsaCtlException;
 using kel::log::LogCapture;
@@ -72,6 +83,94 @@ TEST(ServiceLog, TagAndTrailingNewline) {
   EXPECT_EQ(records[0].level, kel::log::Level::kWarning);
   EXPECT_EQ(records[1].level, kel::log::Level::kError);
   EXPECT_EQ(records[1].source, kel::log::Source::kService);
+}
+
+}  // namespace
+
+namespace {
+
+using HostCtl::Lib::Orsa::OrsaCtlException;
+using kel::log::Level;
+using kel::log::LogCapture;
+using NukCtl::Orsa::OrsaUtil::OrsaExec;
+using NukCtl::Util::NukCtl_Exec;
+
+bool HasLine(const LogCapture& capture, Level level, const std::string& text) {
+  for (const auto& r : capture.Records()) {
+    if (r.level == level && r.text == text) return true;
+  }
+  return false;
+}
+
+TEST(Exec, ExitCodesAndOutputReachTheCallerAndTheLog) {
+  LogCapture capture;
+  EXPECT_EQ(NukCtl_Exec("exit 0"), 0);
+  EXPECT_EQ(NukCtl_Exec("exit 3"), 3);
+  EXPECT_EQ(NukCtl_Exec("kill -9 $$"), 128 + SIGKILL);
+  EXPECT_EQ(NukCtl_Exec("no-such-program-for-kel-tests"), 127);
+
+  EXPECT_EQ(NukCtl_Exec("echo to-stdout; echo to-stderr >&2"), 0);
+  EXPECT_TRUE(HasLine(capture, Level::kInfo, "Exec: /bin/sh: to-stdout")) << capture.Joined();
+  EXPECT_TRUE(HasLine(capture, Level::kInfo, "Exec: /bin/sh: to-stderr")) << capture.Joined();
+  EXPECT_EQ(NukCtl_Exec("echo broken >&2; exit 5"), 5);
+  EXPECT_TRUE(HasLine(capture, Level::kWarning, "Exec: /bin/sh: broken")) << capture.Joined();
+
+  // A program with an argument string: looked up on PATH, split at blanks, no shell in between.
+  capture.Clear();
+  EXPECT_EQ(OrsaExec("printf", "<%s>  a   b;echo"), 0);
+  EXPECT_TRUE(HasLine(capture, Level::kInfo, "Exec: printf: <a><b;echo>")) << capture.Joined();
+  EXPECT_EQ(OrsaExec("false", ""), 1);
+  try {
+    OrsaExec("no-such-program-for-kel-tests", "kel_loader on");
+    ADD_FAILURE() << "a missing program ran";
+  } catch (const OrsaCtlException& e) {
+    EXPECT_EQ(e.GetMessage(),
+              "Failed to run no-such-program-for-kel-tests: No such file or directory");
+  }
+}
+
+TEST(Exec, ChildGetsNoDescriptorsButTheStandardOnes) {
+  kel::testing::TempDir dir;
+  std::string path = dir.Join("held");
+  kel::testing::WriteFile(path, "x");
+  int leaky = open(path.c_str(), O_RDONLY);  // deliberately without O_CLOEXEC
+  ASSERT_GE(leaky, 3);
+  EXPECT_EQ(NukCtl_Exec("test -e /proc/$$/fd/" + std::to_string(leaky)), 1);
+  EXPECT_EQ(NukCtl_Exec("test -e /proc/$$/fd/2"), 0);
+  // Standard input is empty, so a command that reads it never waits for the caller's terminal.
+  EXPECT_EQ(NukCtl_Exec("read line"), 1);
+  close(leaky);
+}
+
+TEST(Exec, DaemonLeftRunningByTheCommandDoesNotBlockTheCaller) {
+  kel::testing::TempDir dir;
+  std::string pid_file = dir.Join("daemon.pid");
+  // The background sleep inherits the output pipe and keeps it open; only the command's own exit
+  // may end the wait. The future is a hang guard, not a speed check.
+  auto result = std::async(std::launch::async, [&] {
+    return NukCtl_Exec("sleep 1000 & echo $! > " + pid_file + "; exit 7");
+  });
+  ASSERT_EQ(result.wait_for(std::chrono::seconds(120)), std::future_status::ready);
+  EXPECT_EQ(result.get(), 7);
+  pid_t daemon = std::stoi(kel::testing::ReadFile(pid_file));
+  ASSERT_GT(daemon, 1);
+  kill(daemon, SIGKILL);
+}
+
+TEST(Exec, ArgumentSplittingAndShellQuoting) {
+  using kel::platform::ShellQuote;
+  using kel::platform::SplitArguments;
+  EXPECT_EQ(SplitArguments("  kel_loader \t on "), (std::vector<std::string>{"kel_loader", "on"}));
+  EXPECT_TRUE(SplitArguments("   ").empty());
+  EXPECT_EQ(ShellQuote("/usr/lib/kel/keld"), "/usr/lib/kel/keld");
+  EXPECT_EQ(ShellQuote("/opt/my dir/keld"), "'/opt/my dir/keld'");
+  EXPECT_EQ(ShellQuote("it's"), "'it'\\''s'");
+  EXPECT_EQ(ShellQuote(""), "''");
+  // What the quoting produces reaches a program as one word.
+  kel::testing::TempDir dir;
+  std::string odd = dir.Join("a b'c");
+  EXPECT_EQ(NukCtl_Exec("touch " + ShellQuote(odd)), 0);
+  EXPECT_TRUE(kel::testing::PathExists(odd));
 }
 
 }  // namespace
