@@ -1,8 +1,8 @@
 // Two hosts sharing one datastore and one real etcd, each driven by kelctl: a target made on one
 // host is listed with its owner on the other, and moves to it.
 #include <gtest/gtest.h>
-#include <nlohmann/json.hpp>
 
+#include <nlohmann/json.hpp>
 #include <string>
 #include <thread>
 #include <vector>

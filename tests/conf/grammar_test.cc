@@ -1,10 +1,10 @@
 // kel.conf grammar, load and verification: every refusal reaches the log and fails the load,
 // syntax errors name the line and dump the file, the lexical rules hold, and verification fills in
 // defaults and refuses what the daemon could not serve.
+#include <gtest/gtest.h>
+
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "conf/conf.h"
 #include "platform/clog.h"
@@ -419,9 +419,9 @@ TEST(ConfGrammar, SyntaxErrorsNameTheLineAndDumpTheFile) {
   EXPECT_TRUE(capture.Contains("KELD: error in configuration file at line 5 near 'bogus': syntax "
                                "error, unexpected STR"))
       << capture.Joined();
-  const std::vector<std::string> dumped = {"1: generation 1", "2: # comment",
-                                           "3: target iqn.x:y {", "4:  alias \"a", "5: b\"",
-                                           "6:  bogus", "7: }"};
+  const std::vector<std::string> dumped = {
+      "1: generation 1", "2: # comment", "3: target iqn.x:y {", "4:  alias \"a", "5: b\"",
+      "6:  bogus",       "7: }"};
   auto records = capture.Records();
   size_t dump = 0;
   while (dump < records.size() && records[dump].text != "KELD: Dumping kel.conf file...") dump++;
@@ -516,9 +516,11 @@ TEST(ConfGrammar, ModelExceptionsPropagateAndLeaveNothingBehind) {
 }
 
 TEST(ConfGrammar, FileModeWarningsOnly) {
-  for (const auto& [mode, message] : std::vector<std::pair<int, std::string>>{
-           {0602, "is world-writable"}, {0604, "is world-readable"},
-           {0601, "is world-executable"}, {0640, ""}}) {
+  for (const auto& [mode, message] :
+       std::vector<std::pair<int, std::string>>{{0602, "is world-writable"},
+                                                {0604, "is world-readable"},
+                                                {0601, "is world-executable"},
+                                                {0640, ""}}) {
     LogCapture capture;
     EXPECT_NE(LoadConfText("", mode), nullptr);
     EXPECT_EQ(capture.Contains("is world-"), !message.empty()) << capture.Joined();
@@ -605,10 +607,10 @@ TEST(ConfVerify, DuplicatedPathsWarnBothWays) {
     if (r.text.find("duplicated between") != std::string::npos) dups.push_back(r.text);
   }
   const std::string p = "KELD: WARNING: path \"/same\" duplicated between lun ";
-  EXPECT_EQ(dups, (std::vector<std::string>{
-                      p + "\"a\", and lun \"c\"", p + "\"a\", and lun \"d\"",
-                      p + "\"c\", and lun \"a\"", p + "\"c\", and lun \"d\"",
-                      p + "\"d\", and lun \"a\"", p + "\"d\", and lun \"c\""}));
+  EXPECT_EQ(dups,
+            (std::vector<std::string>{p + "\"a\", and lun \"c\"", p + "\"a\", and lun \"d\"",
+                                      p + "\"c\", and lun \"a\"", p + "\"c\", and lun \"d\"",
+                                      p + "\"d\", and lun \"a\"", p + "\"d\", and lun \"c\""}));
 }
 
 TEST(ConfVerify, TargetsGetDefaultsAndGroupsAreChecked) {
@@ -693,10 +695,12 @@ TEST(ConfVerify, TargetNames) {
       {"naa.0123456789abcdef0123456789abcdef0",
        "invalid target name \"naa.0123456789abcdef0123456789abcdef0\"; the \"naa.\" should be "
        "followed by at most 32 hexadecimal digits"},
-      {"NAA.12x4", "invalid character \"x\" in target name \"NAA.12x4\"; allowed characters are "
-                   "1-9 and A-F"},
-      {"target0", "invalid target name \"target0\"; should start with either \"iqn.\", \"eui.\", "
-                  "or \"naa.\""},
+      {"NAA.12x4",
+       "invalid character \"x\" in target name \"NAA.12x4\"; allowed characters are "
+       "1-9 and A-F"},
+      {"target0",
+       "invalid target name \"target0\"; should start with either \"iqn.\", \"eui.\", "
+       "or \"naa.\""},
   };
   for (const auto& w : warned) {
     LogCapture capture;

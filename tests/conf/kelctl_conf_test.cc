@@ -1,10 +1,10 @@
 // kelctl conf check|format|show, run as the built program on real files and on the cluster's
 // kel.conf: reports, exit codes, the records as tables or JSON, never a secret.
+#include <gtest/gtest.h>
+
+#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
-#include <nlohmann/json.hpp>
 
 #include "tests/support/test_host.h"
 
@@ -219,7 +219,8 @@ TEST_F(ConfShowCli, RecordsOfAFileOrOfTheClustersConfAsJsonOrTables) {
   const auto doc = nlohmann::json::parse(r.out);
   ASSERT_EQ(doc.size(), 4u) << r.out;
   ASSERT_EQ(doc["targets"].size(), 1u);
-  EXPECT_TRUE(JsonHasFields(doc["targets"][0], R"({"alias": "Target One", "mutualChapName": "m1"})"));
+  EXPECT_TRUE(
+      JsonHasFields(doc["targets"][0], R"({"alias": "Target One", "mutualChapName": "m1"})"));
   ASSERT_EQ(doc["targets"][0]["luns"].size(), 1u);
   EXPECT_TRUE(JsonHasFields(doc["targets"][0]["luns"][0],
                             R"({"naa": "6000C29A1B2C3D4E5F60718293A4B5C6", "path": ")" +

@@ -1,13 +1,12 @@
 // The configuration model's own rules: address texts, initiator portal matching, secrets, numbers,
 // and what deleting an object leaves behind.
 #include <arpa/inet.h>
+#include <gtest/gtest.h>
 #include <netinet/in.h>
 
 #include <cstring>
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "conf/conf.h"
 #include "platform/clog.h"

@@ -1,6 +1,8 @@
 // The kel.conf transactions of targets, defaults and initiator groups on one host: what each
 // writes, what a refusal leaves (nothing), and the change action (publication under the lock,
 // daemon reload after it). Limits and the service-level checks are covered through the service.
+#include "conf/parser_edit.h"
+
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -15,7 +17,6 @@
 #include "conf/conf.h"
 #include "conf/conf_file.h"
 #include "conf/conf_handle.h"
-#include "conf/parser_edit.h"
 #include "directory/config_cache.h"
 #include "directory/config_entry.h"
 #include "platform/directory.h"

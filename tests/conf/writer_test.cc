@@ -1,15 +1,16 @@
 // The writer: exact output, the write-read-write fixed point over many generated models, what it
 // drops, and where it and the reader disagree (kept on purpose).
+#include "conf/writer.h"
+
+#include <gtest/gtest.h>
+
 #include <algorithm>
 #include <cstring>
 #include <random>
 #include <string>
 #include <vector>
 
-#include <gtest/gtest.h>
-
 #include "conf/conf.h"
-#include "conf/writer.h"
 #include "platform/exception.h"
 #include "platform/log.h"
 #include "tests/support/test_host.h"

@@ -96,7 +96,7 @@ TEST(ConfigEntryCluster, AProgramKeepingTheSubscriptionClosesCleanlyWhileNotific
       ConfigCache::SubscribeLodex();
       ConfigCache::SetKelConfDirty(false);
       ASSERT_TRUE(kel::testing::Eventually([] { return ConfigCache::IsKelConfDirty(); },
-                                          std::chrono::seconds(20)));
+                                           std::chrono::seconds(20)));
       ConfigCache::UnsubscribeLodex();
       kel::platform::CloseDirectory();
       std::vector<kel::platform::MemberRecord> members;

@@ -206,8 +206,9 @@ TEST_F(ExtractionTest, DefaultsAndInterfacesInUse) {
                         R"({"authType": "CHAP-Mutual", "chapName": "du", "mutualChapName": "dm",
                             "chapSecret": "", "mutualChapSecret": "", "networkInterface": "",
                             "port": 3260})"));
-  EXPECT_TRUE(HasFields(Kel::GetConfigInfoFromConf(mutual.get(), true),
-                        R"({"chapSecret": "Defsecret12#x", "mutualChapSecret": "Mutual9secret$"})"));
+  EXPECT_TRUE(
+      HasFields(Kel::GetConfigInfoFromConf(mutual.get(), true),
+                R"({"chapSecret": "Defsecret12#x", "mutualChapSecret": "Mutual9secret$"})"));
   Kel::GetIscsiNuknicsFromConf(mutual.get(), nics);
   EXPECT_TRUE(nics.empty());
 }

@@ -15,11 +15,11 @@
 namespace {
 
 namespace Util = NukCtl::Orsa::IscsiTarget::Util;
+using HostCtl::Lib::Orsa::OrsaCtlException;
 using HostCtl::Orsa::IscsiTarget::DefaultInfo;
 using HostCtl::Orsa::IscsiTarget::LunInfo;
 using HostCtl::Orsa::IscsiTarget::TargetCreateParam;
 using HostCtl::Orsa::IscsiTarget::TargetInfo;
-using HostCtl::Lib::Orsa::OrsaCtlException;
 using kel::testing::ConfPtr;
 using kel::testing::ErrorOf;
 using kel::testing::LoadConfText;

@@ -3,7 +3,6 @@
 #include "platform/datastore.h"
 
 #include <gtest/gtest.h>
-
 #include <sys/stat.h>
 
 #include <cerrno>
@@ -68,9 +67,9 @@ TEST(Datastore, UnusableDatastoreOrMetadataIsReportedByPath) {
     DatastoreUuid();
     FAIL() << "corrupt metadata accepted";
   } catch (const OrsaCtlException& e) {
-    EXPECT_EQ(
-        "Datastore metadata " + ds.DatastoreJoin(kDatastoreMetaFile) + ": not a datastore metadata file",
-        e.GetMessage());
+    EXPECT_EQ("Datastore metadata " + ds.DatastoreJoin(kDatastoreMetaFile) +
+                  ": not a datastore metadata file",
+              e.GetMessage());
   }
   kel::testing::WriteFile(ds.DatastoreJoin(kDatastoreMetaFile), "{\"uuid\": \"nope\"}");
   EXPECT_THROW(DatastoreUuid(), OrsaCtlException);

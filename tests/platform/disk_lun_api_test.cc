@@ -51,8 +51,8 @@ TEST_F(DiskLunApiTest, NamespacesAreNamedByALinkAndOnlyAUuidIsRemoved) {
   ASSERT_EQ(0, symlink(uuid.c_str(), Join("second-name").c_str()));
   const std::string otherDigest = TreeDigest(Join(other));
   DiskLunApi::DeleteNamespace(ds_, uuid, op);
-  for (const std::string& gone : {uuid, std::string(".named"), std::string("second-name"),
-                                  ".deleting-" + uuid}) {
+  for (const std::string& gone :
+       {uuid, std::string(".named"), std::string("second-name"), ".deleting-" + uuid}) {
     EXPECT_FALSE(PathExists(Join(gone))) << gone;
   }
   EXPECT_EQ(otherDigest, TreeDigest(Join(other)));

@@ -1,8 +1,9 @@
 // The host configuration file and the settings store: what is read, refused and kept, and updates
 // from several processes at once.
-#include <gtest/gtest.h>
+#include "platform/host_config.h"
 
 #include <dirent.h>
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -13,7 +14,6 @@
 #include <string>
 
 #include "platform/exception.h"
-#include "platform/host_config.h"
 #include "platform/settings.h"
 #include "tests/support/test_support.h"
 

@@ -1,8 +1,9 @@
 // The service and C-side logs, and the command runner whose output reaches them: levels, formats,
 // the 255-character cut, fatal paths, exit codes, and what a child inherits.
-#include <gtest/gtest.h>
+#include "platform/log.h"
 
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -15,7 +16,6 @@
 #include "platform/clog.h"
 #include "platform/exception.h"
 #include "platform/exec.h"
-#include "platform/log.h"
 #include "tests/support/test_support.h"
 
 using HostCtl::Lib::Orsa::OrsaCtlException;

@@ -112,7 +112,8 @@ TEST_F(VirtDiskTest, RenameKeepsIdentityAndNeverReplaces) {
   EXPECT_STREQ(before, after);
 
   kel::testing::WriteFile(ds_.DatastoreJoin("taken.pemo"), "keep");
-  EXPECT_EQ(VIRTDISK_E_EXISTS, VirtDisk_Rename(moved.c_str(), ds_.DatastoreJoin("taken.pemo").c_str()));
+  EXPECT_EQ(VIRTDISK_E_EXISTS,
+            VirtDisk_Rename(moved.c_str(), ds_.DatastoreJoin("taken.pemo").c_str()));
   EXPECT_EQ("keep", kel::testing::ReadFile(ds_.DatastoreJoin("taken.pemo")));
   EXPECT_TRUE(PathExists(moved));
   EXPECT_EQ(ENOENT, VirtDisk_Rename(disk_.c_str(), ds_.DatastoreJoin("x.pemo").c_str()));

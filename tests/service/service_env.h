@@ -65,8 +65,8 @@ inline TargetCreateParam AddTarget(OrsaIscsiTarget& service, const std::string& 
   service.AddTarget(p);
   return p;
 }
-inline LunInfo AddLun(OrsaIscsiTarget& service, const std::string& target,
-                      const std::string& size, int id = -1) {
+inline LunInfo AddLun(OrsaIscsiTarget& service, const std::string& target, const std::string& size,
+                      int id = -1) {
   LunInfo l = NewLun(target, size, id);
   service.AddLun(l);
   return l;

@@ -193,9 +193,9 @@ TEST_F(ServiceOps, UpdateKeepsWhatIsNotGivenAndRemoveGoesOfflineFirst) {
       if (r.text.find(step) != std::string::npos) order.push_back(step);
     }
   }
-  EXPECT_EQ(order, (std::vector<std::string>{"Updating target t1 status to offline",
-                                             "Delete target namespace",
-                                             "Removing target alias t1"}))
+  EXPECT_EQ(order,
+            (std::vector<std::string>{"Updating target t1 status to offline",
+                                      "Delete target namespace", "Removing target alias t1"}))
       << capture.Joined();
   EXPECT_FALSE(PathExists(host_.DatastoreJoin(uuid)));
   EXPECT_FALSE(PathExists(Kel::Util::GetTargetsDirPath() + "/" + uuid));
@@ -518,7 +518,8 @@ TEST_F(ServiceLimits, TheThousandTwentyFifthLun) {
   ExpectRefusedUnchanged([&] { AddLun(*svc_, "free", "1MiB"); },
                          "Limit on total number of LUNs (1024) has been reached.");
   // A target's 257th LUN has no number left.
-  ExpectRefusedUnchanged([&] { AddLun(*svc_, "t0", "1MiB", 256); }, "Invalid LUN id 256: valid ids are 0 to 255");
+  ExpectRefusedUnchanged([&] { AddLun(*svc_, "t0", "1MiB", 256); },
+                         "Invalid LUN id 256: valid ids are 0 to 255");
   // One LUN fewer (its disk never existed: only the entry goes) and the next one fits.
   svc_->RemoveLun(255, "t3", false);
   EXPECT_EQ(ErrorOf([&] { AddLun(*svc_, "free", "1MiB"); }), "");

@@ -52,7 +52,9 @@ TEST_F(PolicyOpsTest, VerifyAndDatastoreDefault) {
   EXPECT_EQ("", GetDatastoreDefaultPolicy());
   SetDatastoreDefaultPolicy(" ((\"proportionalCapacity\"  i30)) ");
   EXPECT_EQ("((\"proportionalCapacity\" i30))", GetDatastoreDefaultPolicy());
-  EXPECT_EQ(0u, kel::testing::ErrorOf([] { SetDatastoreDefaultPolicy("(("); }).find("Invalid storage policy"));
+  EXPECT_EQ(0u, kel::testing::ErrorOf([] {
+                  SetDatastoreDefaultPolicy("((");
+                }).find("Invalid storage policy"));
   EXPECT_EQ("((\"proportionalCapacity\" i30))", GetDatastoreDefaultPolicy());
 
   // A disk created with an empty policy gets the default and its reservation.

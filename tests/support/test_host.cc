@@ -142,8 +142,8 @@ std::string ConfText(const ConfSpec& spec) {
   for (int g = 0; g < spec.groups; ++g) {
     s += "initiator-group g" + std::to_string(g) + " {\n";
     for (int i = 0; i < spec.initiatorsPerGroup; ++i) {
-      s += "\t initiator iqn.1998-01.com.example:g" + std::to_string(g) + "-i" +
-           std::to_string(i) + "\n";
+      s += "\t initiator iqn.1998-01.com.example:g" + std::to_string(g) + "-i" + std::to_string(i) +
+           "\n";
     }
     s += "}\n";
   }
@@ -252,9 +252,9 @@ TestHost::TestHost(const Options& o) {
   config_.interfaces["nuk1"] = {"127.0.0.12", ""};
   const std::string control = dir_.Join("daemon control");  // a blank to quote, on purpose
   WriteFile(control,
-            "#!/bin/sh\necho \"$*\" >> '" + dir_.Join("control.log") + "'\necho \"$KEL_CONFIG\" > '" +
-                dir_.Join("control.env") + "'\nexit $(cat '" + dir_.Join("control.code") +
-                "' 2>/dev/null || echo 0)\n",
+            "#!/bin/sh\necho \"$*\" >> '" + dir_.Join("control.log") +
+                "'\necho \"$KEL_CONFIG\" > '" + dir_.Join("control.env") + "'\nexit $(cat '" +
+                dir_.Join("control.code") + "' 2>/dev/null || echo 0)\n",
             0700);
   config_.daemonControl = platform::ShellQuote(control);
   mkdir(config_.stateDir.c_str(), 0700);
