@@ -482,8 +482,8 @@ class ServiceLimits : public ::testing::Test {
  protected:
   void SetUp() override { Ready(*svc_); }
 
-  void Install(const ConfSpec& spec) {
-    WriteFile(host_.conf_path(), ConfText(spec), 0600);
+  void Install(const ConfShape& shape) {
+    WriteFile(host_.conf_path(), ConfText(shape), 0600);
     Kel::ConfigCache::CleanupCachedConfig();
   }
 

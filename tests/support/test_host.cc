@@ -137,11 +137,11 @@ std::string TestUuid(int n) {
 
 std::string TestIqn(int n) { return "iqn.2024-01.com.example:target" + std::to_string(n); }
 
-std::string ConfText(const ConfSpec& spec) {
-  std::string s = "generation " + std::to_string(spec.generation) + "\n";
-  for (int g = 0; g < spec.groups; ++g) {
+std::string ConfText(const ConfShape& shape) {
+  std::string s = "generation " + std::to_string(shape.generation) + "\n";
+  for (int g = 0; g < shape.groups; ++g) {
     s += "initiator-group g" + std::to_string(g) + " {\n";
-    for (int i = 0; i < spec.initiatorsPerGroup; ++i) {
+    for (int i = 0; i < shape.initiatorsPerGroup; ++i) {
       s += "\t initiator iqn.1998-01.com.example:g" + std::to_string(g) + "-i" + std::to_string(i) +
            "\n";
     }
@@ -149,13 +149,13 @@ std::string ConfText(const ConfSpec& spec) {
   }
   s += "auth-group default {\n\t auth-type none\n}\n";
   s += "portal-group default {\n\t discovery-auth-group default\n\t listen nuk0:3260\n}\n";
-  for (size_t t = 0; t < spec.targets.size(); ++t) {
-    const std::string& alias = spec.targets[t];
+  for (size_t t = 0; t < shape.targets.size(); ++t) {
+    const std::string& alias = shape.targets[t];
     const std::string uuid = TestUuid(static_cast<int>(t) + 1);
     s += "target iqn.2024-01.com.example:" + alias + " {\n\talias \"" + alias +
          "\"\n\tportal-group default\n\tauth-group default\n\toption uuid " + uuid +
          "\n\toption owner-id " + uuid + "\n";
-    for (int l = 0; l < spec.lunsPerTarget; ++l) {
+    for (int l = 0; l < shape.lunsPerTarget; ++l) {
       s += "\tlun " + std::to_string(l) + " {\n\t\tbackend pemo\n\t\tpath " + uuid + "/" +
            std::to_string(l) + ".pemo\n\t\tsize 2048\n\t}\n";
     }

@@ -61,14 +61,14 @@ std::string TestIqn(int n);
 // kel.conf text in the writer's layout: the default groups, `groups` initiator groups "g<i>" of
 // `initiatorsPerGroup` initiators each, and one target per alias (alias "<alias>", name
 // TestIqn-like, uuid and owner TestUuid(index + 1)) with `lunsPerTarget` LUNs of 2048 sectors.
-struct ConfSpec {
+struct ConfShape {
   uint64_t generation = 1;
   std::vector<std::string> targets;
   int lunsPerTarget = 0;
   int groups = 0;
   int initiatorsPerGroup = 0;
 };
-std::string ConfText(const ConfSpec& spec);
+std::string ConfText(const ConfShape& shape);
 
 // Runs the built kelctl with `args`, after "--config <config>" when `config` is not empty.
 CommandResult RunKelctl(const std::vector<std::string>& args, const std::string& config = "",
