@@ -1,14 +1,20 @@
 #include "placement/consist_hash.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <climits>
+#include <cstdlib>
+#include <fstream>
 #include <iterator>
 #include <map>
 #include <random>
+#include <sstream>
 #include <string>
 #include <vector>
+
+#include "tests/support/test_support.h"
 
 namespace {
 
@@ -154,6 +160,18 @@ TEST(ConsistHashTest, LookupsSingleNodeWrapAroundAndEmptyRing) {
   EXPECT_EQ(zero.FindHashNode("anything"), "");
 }
 
+TEST(ConsistHashTest, SharesFollowWeights) {
+  ConsistHash ring({{"h1", 1}, {"h2", 2}, {"h3", 3}});
+  std::map<std::string, int> counts;
+  const auto keys = RandomKeys(20000, 5);
+  for (const auto& key : keys) ++counts[ring.FindHashNode(key)];
+  ASSERT_EQ(counts.size(), 3u);
+  const double n = static_cast<double>(keys.size());
+  EXPECT_NEAR(counts["h1"] / n, 1.0 / 6, 0.08);
+  EXPECT_NEAR(counts["h2"] / n, 2.0 / 6, 0.08);
+  EXPECT_NEAR(counts["h3"] / n, 3.0 / 6, 0.08);
+}
+
 TEST(ConsistHashTest, RemovalMovesOnlyTheRemovedNodesKeys) {
   std::map<std::string, int> weights;
   for (int i = 0; i < 8; ++i) weights["host" + std::to_string(i)] = 1 + i % 3;
@@ -185,6 +203,38 @@ TEST(ConsistHashTest, RemovalMovesOnlyTheRemovedNodesKeys) {
   for (int i = 0; i < 8; ++i) ring.RemoveHashNode("host" + std::to_string(i));
   EXPECT_TRUE(ring.Ring().empty());
   EXPECT_TRUE(ring.Weights().empty());
+}
+
+// The placement of a fixed set of keys, one line per key.
+std::string Placement() {
+  ConsistHash ring({{"srv-a", 4}, {"srv-b", 1}, {"srv-c", 16}, {"srv-d", 7}});
+  ring.RemoveHashNode("srv-d");
+  std::ostringstream out;
+  for (const auto& key : RandomKeys(3000, 8)) out << key << ' ' << ring.FindHashNode(key) << '\n';
+  return out.str();
+}
+
+// Helper run in a child process by SameResultsAcrossProcesses.
+TEST(ConsistHashChild, EmitPlacement) {
+  const char* out = std::getenv("KEL_RING_PLACEMENT_OUT");
+  if (out == nullptr) GTEST_SKIP() << "only run as the child of SameResultsAcrossProcesses";
+  std::ofstream(out) << Placement();
+}
+
+TEST(ConsistHashTest, SameResultsAcrossRunsAndProcesses) {
+  const std::string here = Placement();
+  EXPECT_EQ(here, Placement());
+
+  kel::testing::TempDir dir;
+  const std::string out = dir.Join("placement");
+  char self[4096];
+  ssize_t n = readlink("/proc/self/exe", self, sizeof(self) - 1);
+  ASSERT_GT(n, 0);
+  self[n] = '\0';
+  auto result = kel::testing::RunCommand({self, "--gtest_filter=ConsistHashChild.EmitPlacement"},
+                                         "", {{"KEL_RING_PLACEMENT_OUT", out}});
+  ASSERT_EQ(result.exit_code, 0) << result.out << result.err;
+  EXPECT_EQ(kel::testing::ReadFile(out), here);
 }
 
 }  // namespace
