@@ -48,27 +48,23 @@ TEST(KelctlCluster, TargetsAreSeenAndMovedAcrossHosts) {
   platform::SetDirectoryRole(platform::DirectoryRole::kHostAgent);
   ASSERT_NE(platform::GetDirectory(), nullptr);
 
-  ASSERT_EQ(ka.Run({"namespace", "create"}).exit_code, 0) << ka.transcript();
-  ASSERT_EQ(ka.Run({"service", "enable"}).exit_code, 0) << ka.transcript();
-  ASSERT_EQ(ka.Run({"target", "add", "--alias", "t1"}).exit_code, 0) << ka.transcript();
-  ASSERT_EQ(ka.Run({"lun", "add", "--target", "t1", "--size", "8MiB"}).exit_code, 0)
-      << ka.transcript();
-
-  ASSERT_EQ(kb.Run({"service", "enable"}).exit_code, 0) << kb.transcript();
-  json targets = json::parse(kb.Run({"target", "list", "--json"}).out);
+  ka.Ok({"namespace", "create"});
+  ka.Ok({"service", "enable"});
+  ka.Ok({"target", "add", "--alias", "t1"});
+  ka.Ok({"lun", "add", "--target", "t1", "--size", "8MiB"});
+  kb.Ok({"service", "enable"});
+  json targets = kb.Json({"target", "list"});
   ASSERT_EQ(targets.size(), 1u) << kb.transcript();
   EXPECT_EQ(targets[0]["ownerHostUuid"], a.hostUuid);
   EXPECT_EQ(targets[0]["ownerHostName"], "host-a");
   EXPECT_EQ(targets[0]["luns"].size(), 1u);
 
   // B's own target, then A's target moved to B.
-  ASSERT_EQ(kb.Run({"target", "add", "--alias", "t2"}).exit_code, 0) << kb.transcript();
-  CommandResult r = kb.Run({"target", "transfer", "--alias", "t1", "--retries", "0"});
-  ASSERT_EQ(r.exit_code, 0) << kb.transcript();
+  kb.Ok({"target", "add", "--alias", "t2"});
+  CommandResult r = kb.Ok({"target", "transfer", "--alias", "t1", "--retries", "0"});
   EXPECT_NE(r.out.find("moved to host host-b"), std::string::npos) << r.out;
-  EXPECT_TRUE(json::parse(ka.Run({"target", "list", "--local", "--json"}).out).empty())
-      << ka.transcript();
-  targets = json::parse(ka.Run({"target", "list", "--json"}).out);
+  EXPECT_TRUE(ka.Json({"target", "list", "--local"}).empty()) << ka.transcript();
+  targets = ka.Json({"target", "list"});
   ASSERT_EQ(targets.size(), 2u);
   for (const auto& t : targets) EXPECT_EQ(t["ownerHostUuid"], b.hostUuid) << t["alias"];
 
@@ -97,8 +93,8 @@ namespace {
 TEST(KelctlConcurrency, ParallelTargetsAndLunsAllLand) {
   TestHost env;
   Kelctl k(env);
-  ASSERT_EQ(k.Run({"namespace", "create"}).exit_code, 0) << k.transcript();
-  ASSERT_EQ(k.Run({"service", "enable"}).exit_code, 0) << k.transcript();
+  k.Ok({"namespace", "create"});
+  k.Ok({"service", "enable"});
   const uint64_t start = env.Generation();
 
   constexpr int kWorkers = 6;

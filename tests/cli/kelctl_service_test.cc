@@ -21,35 +21,29 @@ TEST(KelctlService, EveryNounAgainstTheService) {
   const std::string secretFile = env.Join("secret");
   WriteFile(secretFile, std::string(kSecret) + "\n");
 
-  ASSERT_EQ(k.Run({"namespace", "create"}).exit_code, 0) << k.transcript();
+  k.Ok({"namespace", "create"});
   EXPECT_EQ(k.Run({"service", "status"}).out, "disabled\n");
   CommandResult r = k.Run({"target", "add", "--alias", "early"});
   EXPECT_EQ(r.exit_code, 1);
   EXPECT_EQ(LastLine(r.err), kNotEnabled);
 
-  ASSERT_EQ(k.Run({"service", "enable"}).exit_code, 0) << k.transcript();
+  k.Ok({"service", "enable"});
   EXPECT_EQ(env.ControlRuns(), std::vector<std::string>{"++group=serad-tmp restart"});
   // The daemon reads the host configuration kelctl was given.
   EXPECT_EQ(ReadFile(env.Join("control.env")), k.config() + "\n");
   r = k.Run({"service", "enable", "--fail-if-unchanged"});
   EXPECT_EQ(r.exit_code, 1);
   EXPECT_EQ(LastLine(r.err), "Orsa iSCSI Target service is already enabled on this host");
-  EXPECT_EQ(json::parse(k.Run({"service", "status", "--json"}).out), json({{"enabled", true}}));
+  EXPECT_EQ(k.Json({"service", "status"}), json({{"enabled", true}}));
 
   // Targets with each authentication type; secrets from a file, from stdin and as an option.
-  ASSERT_EQ(k.Run({"target", "add", "--alias", "plain"}).exit_code, 0) << k.transcript();
-  ASSERT_EQ(k.Run({"target", "add", "--alias", "chap", "--iqn", "iqn.2024-01.com.example:chap",
-                   "--auth-type", "CHAP", "--chap-user", "u1", "--chap-secret-file", secretFile})
-                .exit_code,
-            0)
-      << k.transcript();
-  ASSERT_EQ(k.Run({"target", "add", "--alias", "mutual", "--auth-type", "CHAP-Mutual",
-                   "--chap-user", "u2", "--chap-secret-file", "-", "--mutual-user", "m2",
-                   "--mutual-secret", kMutualSecret, "--site", "Preferred"},
-                  std::string(kSecret) + "\n")
-                .exit_code,
-            0)
-      << k.transcript();
+  k.Ok({"target", "add", "--alias", "plain"});
+  k.Ok({"target", "add", "--alias", "chap", "--iqn", "iqn.2024-01.com.example:chap", "--auth-type",
+        "CHAP", "--chap-user", "u1", "--chap-secret-file", secretFile});
+  k.Ok({"target", "add", "--alias", "mutual", "--auth-type", "CHAP-Mutual", "--chap-user", "u2",
+        "--chap-secret-file", "-", "--mutual-user", "m2", "--mutual-secret", kMutualSecret,
+        "--site", "Preferred"},
+       std::string(kSecret) + "\n");
   {
     ConfPtr model = ReadModel();
     struct target* t = TargetByAlias(model.get(), "chap");
@@ -63,23 +57,20 @@ TEST(KelctlService, EveryNounAgainstTheService) {
     EXPECT_STREQ(a->a_mutual_secret, kMutualSecret);
     EXPECT_EQ(TargetOption(t, "fault-domain"), "Preferred");
   }
-  json shown = json::parse(k.Run({"target", "show", "--alias", "chap", "--json"}).out);
-  EXPECT_EQ(shown["iqn"], "iqn.2024-01.com.example:chap");
-  EXPECT_EQ(shown["authType"], "CHAP");
-  EXPECT_EQ(shown["chapName"], "u1");
-  EXPECT_EQ(shown["ownerHostName"], "host-a");
-  json listed = json::parse(k.Run({"target", "list", "--json"}).out);
-  ASSERT_EQ(listed.size(), 3u);
+  EXPECT_TRUE(JsonHasFields(k.Json({"target", "show", "--alias", "chap"}),
+                            R"({"iqn": "iqn.2024-01.com.example:chap", "authType": "CHAP",
+                                "chapName": "u1", "ownerHostName": "host-a"})"));
+  EXPECT_EQ(k.Json({"target", "list"}).size(), 3u);
   r = k.Run({"target", "list"});
   EXPECT_NE(r.out.find("mutual"), std::string::npos);
   EXPECT_NE(r.out.find("CHAP-Mutual"), std::string::npos);
 
   // LUNs: rows carry the NAA; numbers and targets change only offline.
-  r = k.Run({"lun", "add", "--target", "chap", "--size", "10MiB", "--alias", "data"});
-  ASSERT_EQ(r.exit_code, 0) << k.transcript();
-  EXPECT_NE(r.out.find("NAA"), std::string::npos);
-  ASSERT_EQ(k.Run({"lun", "add", "--target", "chap", "--size", "1GB", "--id", "5"}).exit_code, 0);
-  json luns = json::parse(k.Run({"lun", "list", "--target", "chap", "--json"}).out);
+  EXPECT_NE(k.Ok({"lun", "add", "--target", "chap", "--size", "10MiB", "--alias", "data"})
+                .out.find("NAA"),
+            std::string::npos);
+  k.Ok({"lun", "add", "--target", "chap", "--size", "1GB", "--id", "5"});
+  json luns = k.Json({"lun", "list", "--target", "chap"});
   ASSERT_EQ(luns.size(), 2u);
   EXPECT_EQ(luns[0]["alias"], "data");
   EXPECT_EQ(luns[0]["naa"].get<std::string>().size(), 32u);
@@ -91,97 +82,77 @@ TEST(KelctlService, EveryNounAgainstTheService) {
   EXPECT_EQ(r.exit_code, 1);
   EXPECT_EQ(LastLine(r.err),
             "Changing the ID of an online LUN is not allowed. Bring the LUN offline first.");
-  ASSERT_EQ(
-      k.Run({"lun", "update", "--target", "chap", "--id", "5", "--status", "offline"}).exit_code,
-      0);
-  ASSERT_EQ(k.Run({"lun", "update", "--target", "chap", "--id", "5", "--new-id", "6"}).exit_code,
-            0);
-  EXPECT_EQ(
-      json::parse(k.Run({"lun", "show", "--target", "chap", "--id", "6", "--json"}).out)["status"],
-      "offline");
-  ASSERT_EQ(
-      k.Run({"lun", "update", "--target", "chap", "--id", "6", "--new-target", "plain"}).exit_code,
-      0)
-      << k.transcript();
-  EXPECT_EQ(json::parse(k.Run({"lun", "list", "--target", "plain", "--json"}).out).size(), 1u);
-  ASSERT_EQ(k.Run({"lun", "remove", "--target", "plain", "--id", "0"}).exit_code, 0);
-  EXPECT_TRUE(json::parse(k.Run({"lun", "list", "--target", "plain", "--json"}).out).empty());
+  k.Ok({"lun", "update", "--target", "chap", "--id", "5", "--status", "offline"});
+  k.Ok({"lun", "update", "--target", "chap", "--id", "5", "--new-id", "6"});
+  EXPECT_EQ(k.Json({"lun", "show", "--target", "chap", "--id", "6"})["status"], "offline");
+  k.Ok({"lun", "update", "--target", "chap", "--id", "6", "--new-target", "plain"});
+  EXPECT_EQ(k.Json({"lun", "list", "--target", "plain"}).size(), 1u);
+  k.Ok({"lun", "remove", "--target", "plain", "--id", "0"});
+  EXPECT_TRUE(k.Json({"lun", "list", "--target", "plain"}).empty());
 
   // Initiator groups, and a target's initiator list replaced and cleared.
-  ASSERT_EQ(k.Run({"initiator-group", "add", "srv"}).exit_code, 0);
-  ASSERT_EQ(k.Run({"initiator-group", "add-initiators", "srv", "iqn.1998-01.com.example:a",
-                   "iqn.1998-01.com.example:b"})
-                .exit_code,
-            0);
-  ASSERT_EQ(k.Run({"target", "update", "--alias", "plain", "--initiator", "srv", "--initiator",
-                   "iqn.1998-01.com.example:c"})
-                .exit_code,
-            0)
-      << k.transcript();
-  json group = json::parse(k.Run({"initiator-group", "show", "srv", "--json"}).out);
+  k.Ok({"initiator-group", "add", "srv"});
+  k.Ok({"initiator-group", "add-initiators", "srv", "iqn.1998-01.com.example:a",
+        "iqn.1998-01.com.example:b"});
+  k.Ok({"target", "update", "--alias", "plain", "--initiator", "srv", "--initiator",
+        "iqn.1998-01.com.example:c"});
+  json group = k.Json({"initiator-group", "show", "srv"});
   EXPECT_EQ(group["initiators"], json({"iqn.1998-01.com.example:a", "iqn.1998-01.com.example:b"}));
   EXPECT_TRUE(group["targets"].contains("plain"));
-  shown = json::parse(k.Run({"target", "show", "--alias", "plain", "--json"}).out);
-  EXPECT_EQ(shown["initiators"], json({"iqn.1998-01.com.example:c"}));
-  EXPECT_EQ(shown["initiatorGroups"], json({"srv"}));
+  EXPECT_TRUE(JsonHasFields(k.Json({"target", "show", "--alias", "plain"}),
+                            R"({"initiators": ["iqn.1998-01.com.example:c"],
+                                "initiatorGroups": ["srv"]})"));
   // An update that does not name initiators keeps them; --no-initiators clears them.
-  ASSERT_EQ(k.Run({"target", "update", "--alias", "plain", "--port", "3265"}).exit_code, 0)
-      << k.transcript();
-  shown = json::parse(k.Run({"target", "show", "--alias", "plain", "--json"}).out);
-  EXPECT_EQ(shown["port"], 3265);
-  EXPECT_EQ(shown["networkInterface"], "nuk0");
-  EXPECT_EQ(shown["initiatorGroups"], json({"srv"}));
-  ASSERT_EQ(k.Run({"target", "update", "--alias", "plain", "--no-initiators"}).exit_code, 0);
-  shown = json::parse(k.Run({"target", "show", "--alias", "plain", "--json"}).out);
-  EXPECT_TRUE(shown["initiators"].empty());
-  EXPECT_TRUE(shown["initiatorGroups"].empty());
-  r = k.Run({"initiator-group", "remove", "iqn.x"});
-  EXPECT_EQ(r.exit_code, 1);
+  k.Ok({"target", "update", "--alias", "plain", "--port", "3265"});
+  EXPECT_TRUE(JsonHasFields(k.Json({"target", "show", "--alias", "plain"}),
+                            R"({"port": 3265, "networkInterface": "nuk0",
+                                "initiatorGroups": ["srv"]})"));
+  k.Ok({"target", "update", "--alias", "plain", "--no-initiators"});
+  EXPECT_TRUE(JsonHasFields(k.Json({"target", "show", "--alias", "plain"}),
+                            R"({"initiators": [], "initiatorGroups": []})"));
+  EXPECT_EQ(k.Run({"initiator-group", "remove", "iqn.x"}).exit_code, 1);
 
   // Defaults: set, shown without secrets.
-  ASSERT_EQ(k.Run({"defaults", "set", "--auth-type", "CHAP", "--chap-user", "def",
-                   "--chap-secret-file", secretFile, "--port", "3263"})
-                .exit_code,
-            0)
-      << k.transcript();
-  json defaults = json::parse(k.Run({"defaults", "show", "--json"}).out);
-  EXPECT_EQ(defaults["authType"], "CHAP");
-  EXPECT_EQ(defaults["chapName"], "def");
-  EXPECT_EQ(defaults["port"], 3263);
-  EXPECT_EQ(defaults["networkInterface"], "nuk0");
-  EXPECT_EQ(defaults["chapSecret"], "");
+  k.Ok({"defaults", "set", "--auth-type", "CHAP", "--chap-user", "def", "--chap-secret-file",
+        secretFile, "--port", "3263"});
+  EXPECT_TRUE(JsonHasFields(k.Json({"defaults", "show"}),
+                            R"({"authType": "CHAP", "chapName": "def", "port": 3263,
+                                "networkInterface": "nuk0", "chapSecret": ""})"));
   EXPECT_NE(k.Run({"defaults", "show"}).out.find("def"), std::string::npos);
+  EXPECT_EQ(k.Json({"namespace", "show"})["path"], Kel::Util::GetConfigNamespacePath());
 
-  json ns = json::parse(k.Run({"namespace", "show", "--json"}).out);
-  EXPECT_EQ(ns["path"], Kel::Util::GetConfigNamespacePath());
-
-  // Refusals: the message alone on the last stderr line, exit 1, nothing changed.
+  // Refusals: the message alone on the last stderr line, exit 1, nothing changed; usage errors
+  // exit 2.
   const std::string before = Sha256OfFile(env.conf_path());
-  r = k.Run({"target", "add", "--alias", "bad", "--iqn", "iqn.bad"});
-  EXPECT_EQ(r.exit_code, 1);
-  EXPECT_EQ(LastLine(r.err).rfind("Invalid IQN 'iqn.bad'.", 0), 0u) << r.err;
-  r = k.Run({"lun", "add", "--target", "chap", "--size", "5", "--id", "9"});
-  EXPECT_EQ(r.exit_code, 1);
-  EXPECT_EQ(LastLine(r.err).rfind("Failed to validate LUN size: ", 0), 0u) << r.err;
-  r = k.Run({"target", "remove", "--alias", "nope"});
-  EXPECT_EQ(r.exit_code, 1);
-  EXPECT_EQ(LastLine(r.err), "Target nope not found");
-  EXPECT_EQ(Sha256OfFile(env.conf_path()), before);
-  // Usage errors.
-  EXPECT_EQ(k.Run({"target", "add"}).exit_code, 2);
-  EXPECT_EQ(k.Run({"target", "add", "--alias", "x", "--port", "many"}).exit_code, 2);
-  EXPECT_EQ(k.Run({"target", "add", "--alias", "x", "--chap-secret", "a", "--chap-secret-file",
-                   secretFile})
-                .exit_code,
-            2);
+  const struct {
+    std::vector<std::string> args;
+    int code;
+    std::string start;  // of the last stderr line
+  } refusals[] = {
+      {{"target", "add", "--alias", "bad", "--iqn", "iqn.bad"}, 1, "Invalid IQN 'iqn.bad'."},
+      {{"lun", "add", "--target", "chap", "--size", "5", "--id", "9"},
+       1,
+       "Failed to validate LUN size: "},
+      {{"target", "remove", "--alias", "nope"}, 1, "Target nope not found"},
+      {{"target", "add"}, 2, ""},
+      {{"target", "add", "--alias", "x", "--port", "many"}, 2, ""},
+      {{"target", "add", "--alias", "x", "--chap-secret", "a", "--chap-secret-file", secretFile},
+       2,
+       ""},
+  };
+  for (const auto& c : refusals) {
+    r = k.Run(c.args);
+    EXPECT_EQ(r.exit_code, c.code) << ::testing::PrintToString(c.args);
+    EXPECT_EQ(LastLine(r.err).rfind(c.start, 0), 0u) << r.err;
+  }
   EXPECT_EQ(Sha256OfFile(env.conf_path()), before);
 
-  ASSERT_EQ(k.Run({"target", "remove", "--alias", "mutual"}).exit_code, 0);
-  EXPECT_EQ(json::parse(k.Run({"target", "list", "--json"}).out).size(), 2u);
+  k.Ok({"target", "remove", "--alias", "mutual"});
+  EXPECT_EQ(k.Json({"target", "list"}).size(), 2u);
 
   // -v mirrors the service's log lines on stderr.
-  r = k.Run({"-v", "target", "list"});
-  EXPECT_NE(r.err.find("OrsaIscsiTargetImpl: Constructing OrsaIscsiTargetImpl()"),
+  EXPECT_NE(k.Run({"-v", "target", "list"})
+                .err.find("OrsaIscsiTargetImpl: Constructing OrsaIscsiTargetImpl()"),
             std::string::npos);
 
   // No secret in any output, nor in the host log every run wrote to.

@@ -41,6 +41,14 @@ std::string Target(const std::string& body) {
   return std::string("target ") + kT + " {\n" + body + "\n}\n";
 }
 
+size_t WarningCount(const LogCapture& capture) {
+  size_t n = 0;
+  for (const auto& r : capture.Records()) {
+    if (r.level == kel::log::Level::kWarning || r.level == kel::log::Level::kError) n++;
+  }
+  return n;
+}
+
 TEST(ConfGrammar, EmptyFileHasBuiltInGroupsAndDefaults) {
   LogCapture capture;
   auto conf = LoadConfText("");
@@ -67,12 +75,14 @@ TEST(ConfGrammar, EmptyFileHasBuiltInGroupsAndDefaults) {
   struct portal* portal = TAILQ_FIRST(&pg->pg_portals);
   ASSERT_NE(portal, nullptr);
   EXPECT_STREQ(portal->p_listen, "nuk0:3260");
-  EXPECT_STREQ(portal->p_host, "nuk0");
-  EXPECT_STREQ(portal->p_port, "3260");
   EXPECT_EQ(TAILQ_NEXT(portal, p_next), nullptr);
   EXPECT_TRUE(capture.Contains("KELD: auth-group \"default\" not defined; going with defaults"));
   EXPECT_TRUE(capture.Contains("KELD: portal-group \"default\" not defined; going with defaults"));
   EXPECT_TRUE(capture.Contains("KELD: obtaining configuration from "));
+  // Verified again, it is silent.
+  LogCapture quiet;
+  EXPECT_EQ(conf_verify(conf.get()), 0);
+  EXPECT_EQ(WarningCount(quiet), 0u) << quiet.Joined();
 }
 
 TEST(ConfGrammar, DefaultGroupsAreFilledOnceThenDuplicated) {
@@ -395,8 +405,7 @@ TEST(ConfGrammar, LunEntriesAndRefusals) {
        "backend for lun \"a\" specified more than once"},
       {"lun a { blocksize 512; blocksize 512 }\n",
        "blocksize for lun \"a\" specified more than once"},
-      {"lun a { device-id x; device-id y }\n",
-       "device_id for lun \"a\" specified more than once"},
+      {"lun a { device-id x; device-id y }\n", "device_id for lun \"a\" specified more than once"},
       {"lun a { ctl-lun 1; ctl-lun 2 }\n", "ctl_lun for lun \"a\" specified more than once"},
       {"lun a { path /x; path /y }\n", "path for lun \"a\" specified more than once"},
       {"lun a { serial x; serial y }\n", "serial for lun \"a\" specified more than once"},
@@ -416,8 +425,9 @@ TEST(ConfGrammar, SyntaxErrorsNameTheLineAndDumpTheFile) {
                          " bogus\n}\n"),
             nullptr);
   EXPECT_EQ(capture.Count("error in configuration file"), 1u);
-  EXPECT_TRUE(capture.Contains("KELD: error in configuration file at line 5 near 'bogus': syntax "
-                               "error, unexpected STR"))
+  EXPECT_TRUE(
+      capture.Contains("KELD: error in configuration file at line 5 near 'bogus': syntax "
+                       "error, unexpected STR"))
       << capture.Joined();
   const std::vector<std::string> dumped = {
       "1: generation 1", "2: # comment", "3: target iqn.x:y {", "4:  alias \"a", "5: b\"",
@@ -434,8 +444,9 @@ TEST(ConfGrammar, SyntaxErrorsNameTheLineAndDumpTheFile) {
   ExpectRefusals({
       {"pidfile /var/run/x\n",
        "error in configuration file at line 1 near 'pidfile': syntax error, unexpected STR"},
-      {"target iqn.x:y\n", "near '': syntax error, unexpected end of file, expecting "
-                           "OPENING_BRACKET"},
+      {"target iqn.x:y\n",
+       "near '': syntax error, unexpected end of file, expecting "
+       "OPENING_BRACKET"},
       {"lun a { path }\n", "syntax error, unexpected CLOSING_BRACKET, expecting STR"},
       {"initiator-group g { initiator a; }\n",
        "syntax error, unexpected SEMICOLON, expecting CLOSING_BRACKET or INITIATOR_NAME"},
@@ -454,31 +465,16 @@ TEST(ConfGrammar, SyntaxErrorsNameTheLineAndDumpTheFile) {
   });
 }
 
-TEST(ConfGrammar, LexicalRules) {
+TEST(ConfGrammar, CommentsStartOnlyOutsideQuotesAndWords) {
   auto conf = LoadConfText(
-      "initiator-group grp { initiator-name iqn.x:1 }\n"
-      "auth-group a { initiator-group grp; chap-mutual u MTIzNDU2Nzg5MDEy m MTIzNDU2Nzg5MDEy }\n"
-      "portal-group pg { listen [fe80::1]:3261; listen 10.0.0.1 }\n"
       "timeout 5 # trailing comment\n"
-      "target iqn.x:y {\n"
-      "  alias \"has # and  blanks\"\n"
-      "  option owner-id v#w\n"
-      "  initiator-portal 192.168.0.0/24\n"
-      "}\n");
+      "target iqn.x:y { alias \"has # and  blanks\"\n  option owner-id v#w }\n");
   ASSERT_NE(conf, nullptr);
   EXPECT_EQ(conf->conf_timeout, 5);
   struct target* t = target_find(conf.get(), "iqn.x:y");
   ASSERT_NE(t, nullptr);
   EXPECT_STREQ(t->t_alias, "has # and  blanks");
   EXPECT_STREQ(target_option_find(t, "owner-id")->to_value, "v#w");
-  struct auth_portal* ap = TAILQ_FIRST(&t->t_auth_group->ag_portals);
-  ASSERT_NE(ap, nullptr);
-  EXPECT_STREQ(ap->ap_initiator_portal, "192.168.0.0/24");
-  EXPECT_EQ(ap->ap_mask, 24);
-  struct portal* p = TAILQ_FIRST(&portal_group_find(conf.get(), "pg")->pg_portals);
-  EXPECT_STREQ(p->p_listen, "[fe80::1]:3261");
-  EXPECT_STREQ(p->p_host, "fe80::1");
-  EXPECT_EQ(auth_group_find(conf.get(), "a")->ag_type, AG_TYPE_CHAP_MUTUAL);
 }
 
 TEST(ConfGrammar, ModelExceptionsPropagateAndLeaveNothingBehind) {
@@ -530,23 +526,6 @@ TEST(ConfGrammar, FileModeWarningsOnly) {
 
 // ---- verification after a load, and target names ----
 
-size_t WarningCount(const LogCapture& capture) {
-  size_t n = 0;
-  for (const auto& r : capture.Records()) {
-    if (r.level == kel::log::Level::kWarning || r.level == kel::log::Level::kError) n++;
-  }
-  return n;
-}
-
-TEST(ConfVerify, EmptyConfigurationVerifiesSilently) {
-  log_init(4);
-  auto conf = LoadConfText("");
-  ASSERT_NE(conf, nullptr);
-  LogCapture capture;
-  EXPECT_EQ(conf_verify(conf.get()), 0);
-  EXPECT_EQ(WarningCount(capture), 0u) << capture.Joined();
-}
-
 TEST(ConfVerify, LunDefaultsAndSizeRules) {
   auto conf = LoadConfText(
       "lun a { path /a; blocksize 4096; size 8 }\n"
@@ -570,7 +549,8 @@ TEST(ConfVerify, LunDefaultsAndSizeRules) {
        "invalid size for lun \"a\"; must be multiple of blocksize"},
       {"lun a { path /a; device-type 5; size 3 }\n",
        "invalid size for lun \"a\"; must be multiple of blocksize"},
-      {"lun a { size 8 }\n", "missing path for lun \"a\""},
+      // The first failing LUN ends verification: "b" is never looked at.
+      {"lun a { size 8 }\nlun b { size 1 }\n", "missing path for lun \"a\""},
       {"target iqn.x:t { lun 0 { size 8 } }\n",
        "missing path for lun \"iqn.x:t,L,0x0000000000000000\""},
       {"lun a { backend ramdisk }\n", "missing size for ramdisk-backed lun \"a\""},
@@ -586,14 +566,8 @@ TEST(ConfVerify, LunDefaultsAndSizeRules) {
     EXPECT_TRUE(capture.Contains("KELD: " + f.message)) << f.text << "\n" << capture.Joined();
     EXPECT_TRUE(capture.Contains("KELD: failed to validate configuration ")) << f.text;
     EXPECT_FALSE(capture.Contains("Failed to parse config file")) << "not a syntax error";
+    EXPECT_FALSE(capture.Contains("lun \"b\""));
   }
-}
-
-TEST(ConfVerify, FirstFailingLunEndsVerification) {
-  LogCapture capture;
-  EXPECT_EQ(LoadConfText("lun a { size 1 }\nlun b { size 1 }\n"), nullptr);
-  EXPECT_TRUE(capture.Contains("missing path for lun \"a\""));
-  EXPECT_FALSE(capture.Contains("missing path for lun \"b\""));
 }
 
 TEST(ConfVerify, DuplicatedPathsWarnBothWays) {
@@ -659,30 +633,15 @@ TEST(ConfVerify, TargetsGetDefaultsAndGroupsAreChecked) {
 TEST(ConfVerify, TargetNames) {
   log_init(4);
   const std::string iqn = "iqn.2024-01.com.example:";
-  {
-    LogCapture capture;
-    EXPECT_TRUE(valid_iscsi_name((iqn + std::string(222 - iqn.size(), 'a')).c_str()));
-    EXPECT_EQ(WarningCount(capture), 0u) << capture.Joined();
-  }
-  {
-    LogCapture capture;
-    std::string name = iqn + std::string(223 - iqn.size(), 'a');
-    EXPECT_FALSE(valid_iscsi_name(name.c_str()));
-    // The line is cut at 255 characters by the C log, so only its start is checked.
-    EXPECT_TRUE(capture.Contains("KELD: overlong name for target \"" + name.substr(0, 100)));
-  }
-  // Accepted without a word.
-  for (const char* name : {"eui.0123456789ABCDEF", "eui.0123456789abcdef", "IQN.2024-01.COM.X:Y",
-                           "naa.0123456789abcdef0123456789ABCDEF", "naa.1"}) {
-    LogCapture capture;
-    EXPECT_TRUE(valid_iscsi_name(name)) << name;
-    EXPECT_EQ(WarningCount(capture), 0u) << name << ": " << capture.Joined();
-  }
-  // Accepted with a warning.
-  const struct {
-    const char* name;
-    const char* message;
-  } warned[] = {
+  const std::string longest = iqn + std::string(222 - iqn.size(), 'a');
+  // Accepted, without a word or with one warning.
+  const std::vector<std::pair<std::string, std::string>> accepted = {
+      {longest, ""},
+      {"eui.0123456789ABCDEF", ""},
+      {"eui.0123456789abcdef", ""},
+      {"IQN.2024-01.COM.X:Y", ""},
+      {"naa.0123456789abcdef0123456789ABCDEF", ""},
+      {"naa.1", ""},
       {"iqn.2024-01.com.x:a_b",
        "invalid character \"_\" in target name \"iqn.2024-01.com.x:a_b\"; allowed characters are "
        "letters, digits, '-', '.', and ':'"},
@@ -702,12 +661,17 @@ TEST(ConfVerify, TargetNames) {
        "invalid target name \"target0\"; should start with either \"iqn.\", \"eui.\", "
        "or \"naa.\""},
   };
-  for (const auto& w : warned) {
+  for (const auto& [name, warning] : accepted) {
     LogCapture capture;
-    EXPECT_TRUE(valid_iscsi_name(w.name)) << w.name;
-    EXPECT_TRUE(capture.Contains(std::string("KELD: ") + w.message)) << capture.Joined();
-    EXPECT_EQ(WarningCount(capture), 1u) << capture.Joined();
+    EXPECT_TRUE(valid_iscsi_name(name.c_str())) << name;
+    EXPECT_EQ(WarningCount(capture), warning.empty() ? 0u : 1u) << name << capture.Joined();
+    EXPECT_TRUE(warning.empty() || capture.Contains("KELD: " + warning)) << capture.Joined();
   }
+  LogCapture capture;
+  const std::string overlong = longest + "a";
+  EXPECT_FALSE(valid_iscsi_name(overlong.c_str()));
+  // The line is cut at 255 characters by the C log, so only its start is checked.
+  EXPECT_TRUE(capture.Contains("KELD: overlong name for target \"" + overlong.substr(0, 100)));
 }
 
 }  // namespace

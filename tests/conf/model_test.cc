@@ -100,8 +100,8 @@ TEST_F(ConfModel, InitiatorPortalsMatchByPrefix) {
   struct sockaddr_storage v6 = Addr("::1");
   EXPECT_FALSE(auth_portal_check(only6, &v6));
 
-  for (const char* bad : {"10.0.0.1/33", "::1/129", "10.0.0.1/", "10.0.0.1/-1", "[]", "x.y",
-                          "10.0.0.1/8/8"}) {
+  for (const char* bad :
+       {"10.0.0.1/33", "::1/129", "10.0.0.1/", "10.0.0.1/-1", "[]", "x.y", "10.0.0.1/8/8"}) {
     try {
       auth_portal_new(ag, bad);
       ADD_FAILURE() << bad;
@@ -120,42 +120,44 @@ TEST_F(ConfModel, SecretsAndTheirLengthWarnings) {
   struct target* t = target_new(conf_.get(), "iqn.x:t");
   struct auth_group* anon = auth_group_new(conf_.get(), nullptr);
   anon->ag_target = t;
-  {
+  const std::string ag = "\", auth-group \"ag\", is too ";
+  const std::string tg = "\", target \"iqn.x:t\", is too ";
+  const struct {
+    struct auth_group* group;
+    const char* secret;
+    const char* mutualSecret;  // null for plain CHAP
+    std::vector<std::string> warnings;
+  } cases[] = {
+      {named, "0123456789ab", nullptr, {}},
+      {named, "0123456789abcdef", nullptr, {}},
+      {named,
+       "01234567890",
+       nullptr,
+       {"secret for user \"u" + ag + "short; it should be at least 12 characters long"}},
+      {anon,
+       "0123456789abcdefX",
+       nullptr,
+       {"secret for user \"u" + tg + "long; it should be at most 16 characters long"}},
+      // The target variant of "too short" says 16.
+      {anon,
+       "0123456789ab",
+       "short",
+       {"mutual secret for user \"m" + tg + "short; it should be at least 16 characters long"}},
+      {named,
+       "x",
+       "0123456789abcdefgh",
+       {"secret for user \"u" + ag + "short; it should be at least 12 characters long",
+        "mutual secret for user \"m" + ag + "long; it should be at most 16 characters long"}},
+  };
+  for (const auto& c : cases) {
     LogCapture capture;
-    struct auth* a = auth_new_chap(named, "u", "c2hvcnQ=", true);  // "short"
-    EXPECT_STREQ(a->a_secret, "short");
-    EXPECT_EQ(named->ag_type, AG_TYPE_CHAP);
-    EXPECT_TRUE(capture.Contains("KELD: secret for user \"u\", auth-group \"ag\", is too short; it "
-                                 "should be at least 12 characters long"));
-  }
-  {
-    LogCapture capture;
-    auth_new_chap(anon, "u", "0123456789abcdefX", false);
-    EXPECT_TRUE(capture.Contains("KELD: secret for user \"u\", target \"iqn.x:t\", is too long; it "
-                                 "should be at most 16 characters long"));
-  }
-  {
-    // The target variant of "too short" says 16.
-    LogCapture capture;
-    auth_new_chap_mutual(anon, "u", "0123456789ab", "m", "short", false);
-    EXPECT_EQ(anon->ag_type, AG_TYPE_CHAP_MUTUAL);
-    EXPECT_TRUE(capture.Contains("KELD: mutual secret for user \"m\", target \"iqn.x:t\", is too "
-                                 "short; it should be at least 16 characters long"));
-    EXPECT_EQ(capture.Count("secret for user"), 1u) << capture.Joined();
-  }
-  {
-    LogCapture capture;
-    auth_new_chap_mutual(named, "v", "x", "m", "0123456789abcdefgh", false);
-    EXPECT_TRUE(capture.Contains("KELD: secret for user \"v\", auth-group \"ag\", is too short; it "
-                                 "should be at least 12 characters long"));
-    EXPECT_TRUE(capture.Contains("KELD: mutual secret for user \"m\", auth-group \"ag\", is too "
-                                 "long; it should be at most 16 characters long"));
-  }
-  {
-    LogCapture capture;
-    auth_new_chap(named, "w", "0123456789ab", false);
-    auth_new_chap(named, "w16", "0123456789abcdef", false);
-    EXPECT_FALSE(capture.Contains("secret")) << capture.Joined();
+    if (c.mutualSecret == nullptr) {
+      auth_new_chap(c.group, "u", c.secret, false);
+    } else {
+      auth_new_chap_mutual(c.group, "u", c.secret, "m", c.mutualSecret, false);
+    }
+    EXPECT_EQ(capture.Count("secret for user"), c.warnings.size()) << capture.Joined();
+    for (const std::string& w : c.warnings) EXPECT_TRUE(capture.Contains("KELD: " + w)) << w;
   }
   // At most 32 decoded bytes fit.
   EXPECT_STREQ(auth_new_chap(named, "x", std::string(43, 'Q').append("=").c_str(), true)->a_user,

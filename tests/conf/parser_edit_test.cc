@@ -39,12 +39,17 @@ using log::LogCapture;
 namespace IT = NukCtl::Orsa::IscsiTarget;
 namespace Parser = NukCtl::Orsa::IscsiTarget::Parser;
 
-// A creation request for target number `n` with everything optional left empty.
-TargetCreateParam TargetParam(int n) {
+// A creation request for target number `n` (alias "t<n>"), on `nic`:`port` when given, with
+// everything else left empty.
+TargetCreateParam TargetParam(int n, std::vector<std::string> initiators = {},
+                              const std::string& nic = "", int port = 0) {
   TargetCreateParam p;
   p.alias = "t" + std::to_string(n);
   p.iqn = TestIqn(n);
   p.uuid = TestUuid(n);
+  p.initiators = std::move(initiators);
+  p.networkInterface = nic;
+  p.port = port;
   return p;
 }
 
@@ -276,9 +281,7 @@ TEST_F(ParserEdit, DefaultsAreWhatNewTargetsInherit) {
   EXPECT_EQ(t.chapName, "duser");
   // Initiators without authentication of their own: a copy of the default group, which stays
   // clean.
-  TargetCreateParam named = TargetParam(2);
-  named.initiators = {"iqn.1998-01.org.example:host-b"};
-  Add(named);
+  Add(TargetParam(2, {"iqn.1998-01.org.example:host-b"}));
   auto c = ReadModel();
   const struct target* t1 = TargetByAlias(c.get(), "t1");
   EXPECT_EQ(PortalGroupOf(t1), "default");
@@ -305,9 +308,7 @@ TEST_F(ParserEdit, DefaultsAreWhatNewTargetsInherit) {
 
 TEST_F(ParserEdit, NewTargetsShareTheirPortalGroupAndRefusalsChangeNothing) {
   Parser::AddNewInitiatorgroupToConfFile("hosts");
-  TargetCreateParam a = TargetParam(1);
-  a.networkInterface = "nuk1";
-  a.port = 3261;
+  TargetCreateParam a = TargetParam(1, {"iqn.1998-01.org.example:host-a", "hosts"}, "nuk1", 3261);
   a.authType = "chap-mutual";  // the type is compared without case
   a.chapName = "u1";
   a.chapSecret = "secret111111";
@@ -315,12 +316,8 @@ TEST_F(ParserEdit, NewTargetsShareTheirPortalGroupAndRefusalsChangeNothing) {
   a.mutualChapSecret = "msecret11111";
   a.status = "offline";
   a.affinitySite = "NonPreferred";
-  a.initiators = {"iqn.1998-01.org.example:host-a", "hosts"};
   Add(a);
-  TargetCreateParam b = TargetParam(2);
-  b.networkInterface = "nuk1";
-  b.port = 3261;
-  Add(b);
+  Add(TargetParam(2, {}, "nuk1", 3261));
   auto c = ReadModel();
   const struct target* ta = TargetByAlias(c.get(), "t1");
   EXPECT_EQ(PortalGroupOf(ta), "pg-nuk1-3261");
@@ -338,8 +335,7 @@ TEST_F(ParserEdit, NewTargetsShareTheirPortalGroupAndRefusalsChangeNothing) {
   const int reloads = host_.Reloads();
   LogCapture capture;
   bool changed = true;
-  TargetCreateParam unknownGroup = TargetParam(3);
-  unknownGroup.initiators = {"iqn.1998-01.org.example:x", "nosuchgroup"};
+  TargetCreateParam unknownGroup = TargetParam(3, {"iqn.1998-01.org.example:x", "nosuchgroup"});
   EXPECT_EQ(ErrorOf([&] { Parser::AddNewTargetToConfFile(unknownGroup, changed); }),
             "initiator group  \"nosuchgroup\" not found");
   EXPECT_FALSE(changed);
@@ -357,16 +353,11 @@ TEST_F(ParserEdit, NewTargetsShareTheirPortalGroupAndRefusalsChangeNothing) {
 TEST_F(ParserEdit, UpdateChangesOnlyWhatIsAsked) {
   Parser::AddNewInitiatorgroupToConfFile("ga");
   Parser::AddNewInitiatorgroupToConfFile("gb");
-  TargetCreateParam a = TargetParam(1);
-  a.networkInterface = "nuk0";
-  a.port = 3300;
+  TargetCreateParam a = TargetParam(
+      1, {"iqn.1998-01.org.example:one", "iqn.1998-01.org.example:two", "ga"}, "nuk0", 3300);
   a.affinitySite = "Preferred";
-  a.initiators = {"iqn.1998-01.org.example:one", "iqn.1998-01.org.example:two", "ga"};
   Add(a);
-  TargetCreateParam b = TargetParam(2);
-  b.networkInterface = "nuk0";
-  b.port = 3300;
-  Add(b);
+  Add(TargetParam(2, {}, "nuk0", 3300));
   Add(TargetParam(3));
   const uint64_t gen = host_.Generation();
 
@@ -443,13 +434,7 @@ TEST_F(ParserEdit, UpdateChangesOnlyWhatIsAsked) {
 }
 
 TEST_F(ParserEdit, RemovalCleansUpWhatOnlyTheTargetUsed) {
-  for (int n : {1, 2}) {
-    TargetCreateParam p = TargetParam(n);
-    p.networkInterface = "nuk1";
-    p.port = 3270;
-    p.initiators = {"iqn.1998-01.org.example:one"};
-    Add(p);
-  }
+  for (int n : {1, 2}) Add(TargetParam(n, {"iqn.1998-01.org.example:one"}, "nuk1", 3270));
   LogCapture capture;
   Parser::RemoveTargetFromConfFile("t1");
   auto c = ReadModel();
@@ -501,22 +486,16 @@ TEST_F(ParserEdit, ForcedGroupRemovalTakesOfflineTheTargetsItLeavesWithNobody) {
   Parser::AddNewInitiatorgroupToConfFile("shared");
   Parser::AddNewInitiatorgroupToConfFile("other");
   Parser::AddNewInitiatorgroupToConfFile("unused");
-  for (int n : {1, 2}) {
-    TargetCreateParam p = TargetParam(n);
-    p.initiators = {"shared", "iqn.1998-01.org.example:h" + std::to_string(n)};
-    Add(p);
-  }
+  for (int n : {1, 2})
+    Add(TargetParam(n, {"shared", "iqn.1998-01.org.example:h" + std::to_string(n)}));
   // t3 admits only the group (its CHAP credentials alone do not make it safe), t4 another group
   // as well, t5 nobody in particular (the default).
-  TargetCreateParam onlyShared = TargetParam(3);
-  onlyShared.initiators = {"shared"};
+  TargetCreateParam onlyShared = TargetParam(3, {"shared"});
   onlyShared.authType = "CHAP";
   onlyShared.chapName = "user3";
   onlyShared.chapSecret = "secret-0123456";
   Add(onlyShared);
-  TargetCreateParam twoGroups = TargetParam(4);
-  twoGroups.initiators = {"shared", "other"};
-  Add(twoGroups);
+  Add(TargetParam(4, {"shared", "other"}));
   Add(TargetParam(5));
 
   const std::string snapshot = host_.Snapshot();

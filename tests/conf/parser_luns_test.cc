@@ -49,13 +49,14 @@ LunInfo MakeLun(const std::string& alias, const std::string& targetUuid, int id,
   return lun;
 }
 
-// One UpdateLun transaction written like the service does; returns the record as UpdateLun left it.
+// UpdateLun as the service runs it: one transaction that writes and publishes; returns the record
+// as UpdateLun left it.
 LunInfo EditLun(LunInfo lun, int newId = -1, const std::string& newTarget = "") {
-  IT::ConfHandle handle(IT::ConfHandle::kExclusive);
-  bool retry = true;
-  Parser::UpdateLun(lun, newId, newTarget, handle, retry);
-  EXPECT_FALSE(retry);
-  handle.WriteConfFile();
+  IT::Util::ChangeConfFile([&](IT::ConfHandle& handle) {
+    bool retry = true;
+    Parser::UpdateLun(lun, newId, newTarget, handle, retry);
+    return !retry;
+  });
   return lun;
 }
 
@@ -217,16 +218,6 @@ class FileSizeLimit {
   void (*previous_)(int);
 };
 
-// UpdateLun as the service runs it: one transaction that writes and publishes.
-LunInfo UpdateThroughTransaction(LunInfo lun, int newId, const std::string& newTarget) {
-  IT::Util::ChangeConfFile([&](IT::ConfHandle& handle) {
-    bool retry = true;
-    Parser::UpdateLun(lun, newId, newTarget, handle, retry);
-    return !retry;
-  });
-  return lun;
-}
-
 TEST_F(ParserLuns, AMoveWhoseWriteFailsLeavesTheDatastoreAsItWas) {
   const std::string uuid1 = MakeTarget(1);
   const std::string uuid2 = MakeTarget(2);
@@ -247,7 +238,7 @@ TEST_F(ParserLuns, AMoveWhoseWriteFailsLeavesTheDatastoreAsItWas) {
   LogCapture capture;
   {
     FileSizeLimit full(64);
-    EXPECT_EQ(ErrorOf([] { UpdateThroughTransaction(Ref("t1", 0), -1, "t2"); }),
+    EXPECT_EQ(ErrorOf([] { EditLun(Ref("t1", 0), -1, "t2"); }),
               "Failed to write temp config file: File too large");
   }
   EXPECT_EQ(env.Snapshot(), snapshot);
@@ -260,7 +251,7 @@ TEST_F(ParserLuns, AMoveWhoseWriteFailsLeavesTheDatastoreAsItWas) {
 
   // Written, the move sticks at the new target's lowest free number and the old reservation and
   // lock files go.
-  const LunInfo moved = UpdateThroughTransaction(Ref("t1", 0), -1, "t2");
+  const LunInfo moved = EditLun(Ref("t1", 0), -1, "t2");
   EXPECT_EQ(moved.targetAlias, "t2");
   EXPECT_EQ(moved.id, 1);
   EXPECT_FALSE(PathExists(disk));

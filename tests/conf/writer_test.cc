@@ -20,58 +20,35 @@ using kel::log::LogCapture;
 using kel::testing::ConfPtr;
 using kel::testing::LoadConfText;
 using kel::testing::WriteConfText;
-using NukCtl::Orsa::IscsiTarget::Parser::Base64EncodeWrapper;
 
 namespace {
 
 TEST(ConfWriter, ExactOutputOfEveryConstruct) {
-  auto conf = LoadConfText("");
+  // Only the first listen is written, and LUNs go in slot order whatever the order they came in.
+  auto conf = LoadConfText(
+      "generation 18446744073709551615\noption kel-option on\n"
+      "initiator-group hosts { initiator iqn.1998-01.com.example:h1\n"
+      "  initiator-name iqn.1998-01.com.example:h2 }\n"
+      "auth-group uuid-1 { chap alice \"MDEyMzQ1Njc4OWFiY2RlZg==\"; initiator-group hosts\n"
+      "  initiator-name iqn.1998-01.com.example:h3 }\n"
+      "auth-group uuid-2 { chap-mutual bob \"c2VjcmV0c2VjcmV0\" \"target\" "
+      "\"MDEyMzQ1Njc4OWFiY2RlZmdoaWpr\" }\n"
+      "portal-group pg-eth1-3261 { discovery-auth-group no-authentication\n"
+      "  listen eth1:3261; listen eth2:3262 }\n"
+      "target iqn.2024-01.com.example:t1 {\n"
+      "  alias \"Target One\"; portal-group pg-eth1-3261; auth-group uuid-1; option uuid uuid-1\n"
+      "  option owner-id 52d0a1c8-0000-0000-0000-000000000001\n"
+      "  lun 200 { backend pemo; path uuid-1/lun200.disk; size 411648\n"
+      "    option lun-alias \"disk 200\" }\n"
+      "  lun 0 { backend pemo; path uuid-1/lun0.disk; size 2048; option lun-alias \"disk 0\" }\n"
+      "  lun 17 { backend pemo; path uuid-1/lun17.disk; size 36864\n"
+      "    option lun-alias \"disk 17\"; option status offline }\n"
+      "}\n"
+      "target iqn.2024-01.com.example:t2 { portal-group default; auth-group uuid-2\n"
+      "  option uuid uuid-2 }\n");
   ASSERT_NE(conf, nullptr);
-  struct conf* c = conf.get();
-  c->conf_generation = 18446744073709551615ull;
-  conf_option_new(c, "kel-option", "on");
-  struct initiator_group* ig = initiator_group_new(c, "hosts");
-  initiator_new(ig, "iqn.1998-01.com.example:h1");
-  initiator_new(ig, "iqn.1998-01.com.example:h2");
-  struct auth_group* chap = auth_group_new(c, "uuid-1");
-  auth_new_chap(chap, "alice", "0123456789abcdef", false);
-  auth_group_igroup_ref_add(c, chap, "hosts");
-  auth_name_new(chap, "iqn.1998-01.com.example:h3");
-  struct auth_group* mutual = auth_group_new(c, "uuid-2");
-  auth_new_chap_mutual(mutual, "bob", "secretsecret", "target", "0123456789abcdefghijk", false);
-  struct portal_group* pg = portal_group_new(c, "pg-eth1-3261");
-  pg->pg_discovery_auth_group = auth_group_find(c, "no-authentication");
-  portal_group_add_listen(pg, "eth1:3261", false);
-  portal_group_add_listen(pg, "eth2:3262", false);  // only the first listen is written
-
-  struct target* t = target_new(c, "iqn.2024-01.com.example:t1");
-  t->t_alias = checked_strdup("Target One");
-  port_new(c, t, pg);
-  t->t_auth_group = chap;
-  target_option_new(t, "uuid", "uuid-1");
-  target_option_new(t, "owner-id", "52d0a1c8-0000-0000-0000-000000000001");
-  // LUNs are written in slot order whatever the order in which they were added.
-  for (int number : {200, 0, 17}) {
-    char name[256];
-    keld_target_lun_name(name, sizeof(name), t->t_name, number);
-    struct lun* lun = lun_new(c, name);
-    lun_set_backend(lun, "pemo");
-    lun_set_path(lun, ("uuid-1/lun" + std::to_string(number) + ".disk").c_str());
-    lun_set_size(lun, 2048 * (number + 1));
-    lun_set_keld_lun(lun, number);
-    option_new(&lun->l_options, "lun-alias", ("disk " + std::to_string(number)).c_str());
-    t->t_luns[number] = lun;
-  }
-  option_new(&t->t_luns[17]->l_options, "status", "offline");
-
-  struct target* empty = target_new(c, "iqn.2024-01.com.example:t2");
-  port_new(c, empty, portal_group_find(c, "default"));
-  empty->t_auth_group = mutual;
-  target_option_new(empty, "uuid", "uuid-2");
-
-  ASSERT_EQ(conf_verify(c), 0);
   LogCapture capture;
-  std::string text = WriteConfText(c);
+  std::string text = WriteConfText(conf.get());
   EXPECT_EQ(text,
             "generation 18446744073709551615\n"
             "option kel-option on\n"
@@ -134,25 +111,6 @@ TEST(ConfWriter, ExactOutputOfEveryConstruct) {
   EXPECT_EQ(capture.Count("ConfHandle: Skipping default auth group"), 2u) << capture.Joined();
   EXPECT_TRUE(capture.Contains("ConfHandle: found chap type auth uuid-1"));
   EXPECT_TRUE(capture.Contains("ConfHandle: found chap-mutual type auth uuid-2"));
-
-  auto again = LoadConfText(text);
-  ASSERT_NE(again, nullptr);
-  EXPECT_EQ(WriteConfText(again.get()), text);
-  struct auth* a = auth_find(auth_group_find(again.get(), "uuid-2"), "bob");
-  ASSERT_NE(a, nullptr);
-  EXPECT_STREQ(a->a_mutual_secret, "0123456789abcdefghijk");  // decoded again on read
-}
-
-TEST(ConfWriter, Base64Limits) {
-  // 21 bytes encode to 28 characters; 22 bytes to 32, which does not fit below 32.
-  char out[32];
-  const unsigned char bytes[22] = {};
-  Base64EncodeWrapper(bytes, 21, out, sizeof(out));
-  EXPECT_EQ(strlen(out), 28u);
-  EXPECT_EQ(kel::testing::ErrorOf([&] { Base64EncodeWrapper(bytes, 22, out, sizeof(out)); }),
-            "Base64_Encode failed: Unexpected encoding size");
-  Base64EncodeWrapper(reinterpret_cast<const unsigned char*>("abc"), 3, out, sizeof(out));
-  EXPECT_STREQ(out, "YWJj");
 }
 
 TEST(ConfWriter, DropsWhatTheServiceDoesNotManage) {
@@ -176,10 +134,28 @@ TEST(ConfWriter, DropsWhatTheServiceDoesNotManage) {
       "}\n");
   ASSERT_NE(conf, nullptr);
   std::string text = WriteConfText(conf.get());
-  for (const char* gone : {"debug", "timeout", "maxproc", "isns", "first", "initiator-portal",
-                           "auth-type chap", "deny", "discovery-filter", "tag", "option k",
-                           "redirect", "foreign", "listen-iser", "127.0.0.2", "blocksize",
-                           "device-id", "device-type", "serial", "ctl-lun", "lun 1", "/top"}) {
+  for (const char* gone : {"debug",
+                           "timeout",
+                           "maxproc",
+                           "isns",
+                           "first",
+                           "initiator-portal",
+                           "auth-type chap",
+                           "deny",
+                           "discovery-filter",
+                           "tag",
+                           "option k",
+                           "redirect",
+                           "foreign",
+                           "listen-iser",
+                           "127.0.0.2",
+                           "blocksize",
+                           "device-id",
+                           "device-type",
+                           "serial",
+                           "ctl-lun",
+                           "lun 1",
+                           "/top"}) {
     EXPECT_EQ(text.find(gone), std::string::npos) << gone << " in\n" << text;
   }
   EXPECT_NE(text.find("option last 2\n"), std::string::npos);

@@ -84,52 +84,36 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 }
 
 #ifdef KEL_FUZZ_REPLAY_MAIN
-#include <dirent.h>
-#include <sys/stat.h>
-
+#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <iterator>
 #include <vector>
 
-namespace {
-
-int ReplayFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) {
-    std::cerr << "cannot read " << path << "\n";
-    return 1;
-  }
-  std::vector<char> bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-  LLVMFuzzerTestOneInput(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size());
-  return 0;
-}
-
-}  // namespace
-
+// Replays every file named on the command line or found in a directory named there.
 int main(int argc, char** argv) {
-  int failures = 0;
+  namespace fs = std::filesystem;
   size_t runs = 0;
   for (int i = 1; i < argc; i++) {
-    std::string arg = argv[i];
-    if (!arg.empty() && arg[0] == '-') continue;  // libFuzzer flags mean nothing here
-    struct stat st;
-    if (stat(arg.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) {
-      DIR* dir = opendir(arg.c_str());
-      if (dir == nullptr) return 1;
-      while (struct dirent* e = readdir(dir)) {
-        std::string name = e->d_name;
-        if (name == "." || name == "..") continue;
-        failures += ReplayFile(arg + "/" + name);
-        runs++;
-      }
-      closedir(dir);
+    if (argv[i][0] == '-') continue;  // libFuzzer flags mean nothing here
+    std::vector<fs::path> files;
+    if (fs::is_directory(argv[i])) {
+      for (const auto& entry : fs::directory_iterator(argv[i])) files.push_back(entry.path());
     } else {
-      failures += ReplayFile(arg);
+      files.push_back(argv[i]);
+    }
+    for (const fs::path& file : files) {
+      std::ifstream in(file, std::ios::binary);
+      if (!in) {
+        std::cerr << "cannot read " << file << "\n";
+        return 1;
+      }
+      std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+      LLVMFuzzerTestOneInput(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size());
       runs++;
     }
   }
   std::cout << "replayed " << runs << " inputs\n";
-  return failures == 0 ? 0 : 1;
+  return 0;
 }
 #endif

