@@ -21,12 +21,18 @@ namespace platform {
 namespace {
 
 using HostCtl::Lib::Orsa::OrsaCtlException;
+using kel::testing::ErrorOf;
+using kel::testing::PathExists;
+using kel::testing::ReadFile;
+using kel::testing::TempDir;
+using kel::testing::WriteFile;
+using testing::ScopedFaultFs;
 
 TEST(Datastore, IdentityIsCreatedOnceAndKept) {
   kel::testing::TestHost ds;
-  EXPECT_FALSE(kel::testing::PathExists(ds.DatastoreJoin(kDatastoreMetaFile)));
+  EXPECT_FALSE(PathExists(ds.DatastoreJoin(kDatastoreMetaFile)));
   Uuid16 first = DatastoreUuid();
-  EXPECT_TRUE(kel::testing::PathExists(ds.DatastoreJoin(kDatastoreMetaFile)));
+  EXPECT_TRUE(PathExists(ds.DatastoreJoin(kDatastoreMetaFile)));
   EXPECT_EQ(first, DatastoreUuid());
 
   std::string text = DatastoreUuidText();
@@ -62,38 +68,29 @@ TEST(Datastore, RacingFirstUsersAgreeOnOneIdentity) {
 
 TEST(Datastore, UnusableDatastoreOrMetadataIsReportedByPath) {
   kel::testing::TestHost ds;
-  kel::testing::WriteFile(ds.DatastoreJoin(kDatastoreMetaFile), "this is not json");
-  try {
-    DatastoreUuid();
-    FAIL() << "corrupt metadata accepted";
-  } catch (const OrsaCtlException& e) {
-    EXPECT_EQ("Datastore metadata " + ds.DatastoreJoin(kDatastoreMetaFile) +
-                  ": not a datastore metadata file",
-              e.GetMessage());
-  }
-  kel::testing::WriteFile(ds.DatastoreJoin(kDatastoreMetaFile), "{\"uuid\": \"nope\"}");
+  WriteFile(ds.DatastoreJoin(kDatastoreMetaFile), "this is not json");
+  EXPECT_EQ("Datastore metadata " + ds.DatastoreJoin(kDatastoreMetaFile) +
+                ": not a datastore metadata file",
+            ErrorOf([] { DatastoreUuid(); }));
+  WriteFile(ds.DatastoreJoin(kDatastoreMetaFile), "{\"uuid\": \"nope\"}");
   EXPECT_THROW(DatastoreUuid(), OrsaCtlException);
   // The corrupt file is never overwritten by a default-policy change.
   EXPECT_THROW(SetDatastoreDefaultPolicy(""), OrsaCtlException);
-  EXPECT_EQ("{\"uuid\": \"nope\"}", kel::testing::ReadFile(ds.DatastoreJoin(kDatastoreMetaFile)));
+  EXPECT_EQ("{\"uuid\": \"nope\"}", ReadFile(ds.DatastoreJoin(kDatastoreMetaFile)));
 
   HostConfig config = *CurrentHostConfig();
   config.datastorePath = ds.DatastoreJoin("not-mounted");
   SetCurrentHostConfig(config);
-  try {
-    DatastoreUuid();
-    FAIL() << "missing datastore accepted";
-  } catch (const OrsaCtlException& e) {
-    EXPECT_NE(std::string::npos, e.GetMessage().find("datastore is not accessible"));
-  }
-  EXPECT_FALSE(kel::testing::PathExists(ds.DatastoreJoin("not-mounted")));
+  EXPECT_NE(std::string::npos,
+            ErrorOf([] { DatastoreUuid(); }).find("datastore is not accessible"));
+  EXPECT_FALSE(PathExists(ds.DatastoreJoin("not-mounted")));
 
   // The embedded default keeps its datastore in the state directory and makes it on first use.
   config.stateDir = ds.DatastoreJoin("state");
   config.datastorePath = config.stateDir + "/datastore";
   SetCurrentHostConfig(config);
   EXPECT_EQ(DatastoreUuid(), DatastoreUuid());
-  EXPECT_TRUE(kel::testing::PathExists(ds.DatastoreJoin("state/datastore/") + kDatastoreMetaFile));
+  EXPECT_TRUE(PathExists(ds.DatastoreJoin("state/datastore/") + kDatastoreMetaFile));
 }
 
 TEST(Datastore, MountPathFitsOrIsRefused) {
@@ -103,20 +100,6 @@ TEST(Datastore, MountPathFitsOrIsRefused) {
   EXPECT_EQ(ds.datastore(), buf);
   EXPECT_EQ(NUK_BAD_PARAM, GetOrsaDatastoreUUIDPath(static_cast<int>(ds.datastore().size()), buf));
 }
-
-}  // namespace
-}  // namespace platform
-}  // namespace kel
-
-namespace kel {
-namespace platform {
-namespace {
-
-using kel::testing::PathExists;
-using kel::testing::ReadFile;
-using kel::testing::TempDir;
-using kel::testing::WriteFile;
-using testing::ScopedFaultFs;
 
 TEST(ObjectAttr, KeepsIdentityInXattrOrSidecar) {
   TempDir dir;

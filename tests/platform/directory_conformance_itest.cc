@@ -17,6 +17,7 @@
 #include "platform/exception.h"
 #include "platform/host_config.h"
 #include "platform/lodex.h"
+#include "tests/platform/directory_test_util.h"
 #include "tests/support/etcd_fixture.h"
 
 using kel::platform::Directory;
@@ -28,75 +29,14 @@ using kel::platform::HostConfig;
 using kel::platform::MemberRecord;
 using kel::platform::ObjectOwner;
 using kel::platform::RandomDirUuid;
+using kel::testing::ByUuid;
 using kel::testing::Eventually;
+using kel::testing::FindMember;
+using kel::testing::MakeEntry;
+using kel::testing::Recorder;
 using kel::testing::UpdateAndWait;
 
 namespace {
-
-constexpr auto kWait = std::chrono::seconds(10);
-
-// Notifications as they arrive, with the thread they arrived on.
-class Recorder {
- public:
-  struct Note {
-    NUK_ReturnStatus status;
-    bool hasEntry;
-    DirEntry entry;
-    std::thread::id thread;
-  };
-
-  Directory::NotifyFn Fn() {
-    return [this](NUK_ReturnStatus st, const DirEntry* e) {
-      std::lock_guard<std::mutex> guard(mu_);
-      notes_.push_back(
-          {st, e != nullptr, e != nullptr ? *e : DirEntry(), std::this_thread::get_id()});
-      cv_.notify_all();
-    };
-  }
-  // Waits until at least `n` notifications arrived.
-  bool WaitCount(size_t n, std::chrono::milliseconds timeout = kWait) {
-    std::unique_lock<std::mutex> lock(mu_);
-    return cv_.wait_for(lock, timeout, [&] { return notes_.size() >= n; });
-  }
-  // Waits for a notification satisfying `pred`.
-  bool WaitFor(const std::function<bool(const Note&)>& pred,
-               std::chrono::milliseconds timeout = kWait) {
-    std::unique_lock<std::mutex> lock(mu_);
-    return cv_.wait_for(lock, timeout, [&] {
-      for (const Note& n : notes_) {
-        if (pred(n)) return true;
-      }
-      return false;
-    });
-  }
-  std::vector<Note> Notes() {
-    std::lock_guard<std::mutex> guard(mu_);
-    return notes_;
-  }
-
- private:
-  std::mutex mu_;
-  std::condition_variable cv_;
-  std::vector<Note> notes_;
-};
-
-DirEntry MakeEntry(uint8_t type, const std::string& data) {
-  DirEntry e;
-  e.uuid = RandomDirUuid();
-  e.type = type;
-  e.data = data;
-  return e;
-}
-
-DirQuery ByUuid(const DirEntry& e) {
-  DirQuery q;
-  q.matchUuid = q.matchType = true;
-  q.uuid = e.uuid;
-  q.type = e.type;
-  return q;
-}
-
-// ---- backends ----
 
 class EmbeddedBackend {
  public:
@@ -242,24 +182,17 @@ TYPED_TEST(DirectoryConformance, EntriesRoundTripAndAreFoundByEachHeaderField) {
 TYPED_TEST(DirectoryConformance, UpdateCompletesOnceOnTheWriterThreadAndRefusesZeroUuid) {
   auto dir = this->backend_.Open();
   std::atomic<int> calls{0};
-  std::thread::id completionThread;
-  std::mutex mu;
-  std::condition_variable cv;
-  DirEntry e = MakeEntry(38, "x");
-  ASSERT_EQ(dir->Update(e,
+  std::atomic<bool> onCallerThread{true};
+  const std::thread::id caller = std::this_thread::get_id();
+  ASSERT_EQ(dir->Update(MakeEntry(38, "x"),
                         [&](NUK_ReturnStatus st) {
-                          std::lock_guard<std::mutex> guard(mu);
                           EXPECT_EQ(st, NUK_OK);
-                          completionThread = std::this_thread::get_id();
+                          onCallerThread = std::this_thread::get_id() == caller;
                           calls.fetch_add(1);
-                          cv.notify_all();
                         }),
             NUK_OK);
-  {
-    std::unique_lock<std::mutex> lock(mu);
-    ASSERT_TRUE(cv.wait_for(lock, kWait, [&] { return calls.load() > 0; }));
-    EXPECT_NE(completionThread, std::this_thread::get_id());
-  }
+  ASSERT_TRUE(Eventually([&] { return calls.load() > 0; }));
+  EXPECT_FALSE(onCallerThread.load());
   DirEntry zero;
   zero.type = 38;
   EXPECT_EQ(dir->Update(zero, [&](NUK_ReturnStatus) { calls.fetch_add(100); }), NUK_BAD_PARAM);
@@ -281,44 +214,33 @@ TYPED_TEST(DirectoryConformance, SubscribersSeeChangesOfOtherViewsAndTheEndOnce)
   ASSERT_EQ(UpdateAndWait(*writer, unrelated), NUK_OK);
   ASSERT_EQ(UpdateAndWait(*writer, highBit), NUK_OK);
   ASSERT_EQ(UpdateAndWait(*writer, e), NUK_OK);
-  ASSERT_TRUE(rec.WaitFor([](const Recorder::Note& n) { return n.status == NUK_OK; }));
+  ASSERT_TRUE(rec.WaitFor([&] { return rec.Count(NUK_OK) > 0; }));
   e.data = "gen-2";
   ASSERT_EQ(UpdateAndWait(*writer, e), NUK_OK);
-  ASSERT_TRUE(rec.WaitFor([](const Recorder::Note& n) { return n.entry.data == "gen-2"; }));
+  ASSERT_TRUE(rec.WaitFor([&] { return rec.DataOf(e.uuid).back() == "gen-2"; }));
   ASSERT_EQ(writer->Delete(e.uuid, e.type), NUK_OK);
-  ASSERT_TRUE(rec.WaitFor([](const Recorder::Note& n) { return n.status == NUK_NOT_FOUND; }));
+  ASSERT_TRUE(rec.WaitFor([&] { return rec.Has(NUK_NOT_FOUND, e.uuid); }));
 
   ASSERT_EQ(watcher->Unsubscribe(id), NUK_OK);
-  ASSERT_TRUE(
-      rec.WaitFor([](const Recorder::Note& n) { return n.status == NUK_SUBSCRIPTION_ENDED; }));
+  ASSERT_TRUE(rec.WaitFor([&] { return rec.Count(NUK_SUBSCRIPTION_ENDED) > 0; }));
   EXPECT_EQ(watcher->Unsubscribe(id), NUK_NOT_FOUND);
   ASSERT_EQ(UpdateAndWait(*writer, e), NUK_OK);
   std::this_thread::sleep_for(std::chrono::milliseconds(300));
 
+  // Only the subscribed entry is reported, a deletion with its last header, and nothing after
+  // the end.
   auto notes = rec.Notes();
-  ASSERT_FALSE(notes.empty());
   for (const auto& n : notes) {
+    EXPECT_EQ(n.hasEntry, n.status != NUK_SUBSCRIPTION_ENDED);
     if (n.hasEntry) {
-      EXPECT_EQ(n.entry.uuid, e.uuid) << "only the subscribed entry is reported";
+      EXPECT_EQ(n.entry.uuid, e.uuid);
       EXPECT_EQ(n.entry.type, 37);
       EXPECT_EQ(n.entry.owner, writer->SelfUuid());
     }
   }
-  EXPECT_EQ(notes.back().status, NUK_SUBSCRIPTION_ENDED) << "nothing after the end";
-  EXPECT_FALSE(notes.back().hasEntry);
-  size_t ended = 0, deleted = 0;
-  for (const auto& n : notes) {
-    ended += n.status == NUK_SUBSCRIPTION_ENDED;
-    deleted += n.status == NUK_NOT_FOUND;
-  }
-  EXPECT_EQ(ended, 1u);
-  EXPECT_EQ(deleted, 1u);
-  // The deletion is reported with the last header of the entry.
-  for (const auto& n : notes) {
-    if (n.status == NUK_NOT_FOUND) {
-      EXPECT_TRUE(n.hasEntry);
-    }
-  }
+  EXPECT_EQ(notes.back().status, NUK_SUBSCRIPTION_ENDED);
+  EXPECT_EQ(rec.Count(NUK_SUBSCRIPTION_ENDED), 1u);
+  EXPECT_EQ(rec.Count(NUK_NOT_FOUND), 1u);
 }
 
 TYPED_TEST(DirectoryConformance, TypeAndOwnerSubscriptionsFilterAndRunOnTheNotificationThread) {
@@ -343,8 +265,8 @@ TYPED_TEST(DirectoryConformance, TypeAndOwnerSubscriptionsFilterAndRunOnTheNotif
   ASSERT_EQ(UpdateAndWait(*writer, config), NUK_OK);
   ASSERT_EQ(UpdateAndWait(*writer, mine), NUK_OK);
   ASSERT_EQ(UpdateAndWait(*writer, theirs), NUK_OK);
-  ASSERT_TRUE(byType.WaitCount(2));
-  ASSERT_TRUE(byOwner.WaitCount(1));
+  ASSERT_TRUE(byType.WaitFor([&] { return byType.Notes().size() >= 2; }));
+  ASSERT_TRUE(byOwner.WaitFor([&] { return !byOwner.Notes().empty(); }));
   std::this_thread::sleep_for(std::chrono::milliseconds(300));
   auto typeNotes = byType.Notes();
   auto ownerNotes = byOwner.Notes();
@@ -359,7 +281,6 @@ TYPED_TEST(DirectoryConformance, TypeAndOwnerSubscriptionsFilterAndRunOnTheNotif
 
 TYPED_TEST(DirectoryConformance, UnsubscribeFromInsideTheCallbackEndsAfterItReturns) {
   std::mutex mu;
-  std::condition_variable cv;
   std::vector<std::string> order;
   auto dir = this->backend_.Open();
   DirEntry e = MakeEntry(37, "x");
@@ -378,31 +299,19 @@ TYPED_TEST(DirectoryConformance, UnsubscribeFromInsideTheCallbackEndsAfterItRetu
                   } else {
                     order.push_back("other");
                   }
-                  cv.notify_all();
                 },
                 &id),
             NUK_OK);
   ASSERT_EQ(UpdateAndWait(*dir, e), NUK_OK);
   e.data = "y";
   ASSERT_EQ(UpdateAndWait(*dir, e), NUK_OK);
-  std::unique_lock<std::mutex> lock(mu);
-  ASSERT_TRUE(cv.wait_for(lock, kWait, [&] { return order.size() >= 3; }));
-  lock.unlock();
+  ASSERT_TRUE(Eventually([&] {
+    std::lock_guard<std::mutex> guard(mu);
+    return order.size() >= 3;
+  }));
   std::this_thread::sleep_for(std::chrono::milliseconds(300));
-  lock.lock();
+  std::lock_guard<std::mutex> guard(mu);
   EXPECT_EQ(order, (std::vector<std::string>{"change", "unsubscribed", "ended"}));
-}
-
-TYPED_TEST(DirectoryConformance, ClosingTheDirectoryEndsItsSubscriptions) {
-  Recorder rec;
-  auto dir = this->backend_.Open();
-  Directory::SubscriptionId id = 0;
-  DirQuery all;
-  ASSERT_EQ(dir->Subscribe(all, rec.Fn(), &id), NUK_OK);
-  dir.reset();
-  auto notes = rec.Notes();
-  ASSERT_EQ(notes.size(), 1u);
-  EXPECT_EQ(notes[0].status, NUK_SUBSCRIPTION_ENDED);
 }
 
 // What one subscription of the process's directory saw. `current` is the directory that was the
@@ -519,11 +428,9 @@ TYPED_TEST(DirectoryConformance, ADirectoryLetGoOnItsOwnThreadShutsDownCleanly) 
                           }),
               NUK_OK);
     ASSERT_TRUE(Eventually([&] { return weak.expired(); }));
-    ASSERT_TRUE(
-        rec.WaitFor([](const Recorder::Note& n) { return n.status == NUK_SUBSCRIPTION_ENDED; }));
-    int ended = 0;
-    for (const auto& n : rec.Notes()) ended += n.status == NUK_SUBSCRIPTION_ENDED ? 1 : 0;
-    EXPECT_EQ(ended, 1);
+    ASSERT_TRUE(rec.WaitFor([&] { return rec.Count(NUK_SUBSCRIPTION_ENDED) > 0; }));
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_EQ(rec.Count(NUK_SUBSCRIPTION_ENDED), 1u);
   }
 }
 
@@ -531,43 +438,34 @@ TYPED_TEST(DirectoryConformance, MembershipHoldsThisHostWithItsFlags) {
   auto dir = this->backend_.Open();
   std::string self = DirUuidToText(dir->SelfUuid());
   EXPECT_EQ(self, this->backend_.Config().hostUuid);
-  auto findSelf = [&](MemberRecord* out) {
-    std::vector<MemberRecord> members;
-    EXPECT_EQ(dir->ListMembers(&members), NUK_OK);
-    for (const auto& m : members) {
-      if (m.uuid == self) {
-        *out = m;
-        return true;
-      }
-    }
-    return false;
-  };
-  MemberRecord m;
-  ASSERT_TRUE(findSelf(&m));
-  EXPECT_EQ(m.name, "host-a");
-  EXPECT_EQ(m.site, "Preferred");
-  EXPECT_FALSE(m.maintenance);
-  EXPECT_EQ(m.decommission, kel::platform::kDecomNone);
+  auto m = FindMember(*dir, self);
+  ASSERT_TRUE(m);
+  EXPECT_EQ(m->name, "host-a");
+  EXPECT_EQ(m->site, "Preferred");
+  EXPECT_FALSE(m->maintenance);
+  EXPECT_EQ(m->decommission, kel::platform::kDecomNone);
 
   ASSERT_EQ(dir->UpdateSelfMember([](MemberRecord& r) {
     r.maintenance = true;
     r.decommission = kel::platform::kDecomComplete;
   }),
             NUK_OK);
-  ASSERT_TRUE(findSelf(&m));
-  EXPECT_TRUE(m.maintenance);
-  EXPECT_EQ(m.decommission, kel::platform::kDecomComplete);
+  m = FindMember(*dir, self);
+  ASSERT_TRUE(m);
+  EXPECT_TRUE(m->maintenance);
+  EXPECT_EQ(m->decommission, kel::platform::kDecomComplete);
 
   // Re-joining keeps the flags of the record; leaving removes it.
   ASSERT_EQ(dir->JoinCluster(), NUK_OK);
-  ASSERT_TRUE(findSelf(&m));
-  EXPECT_TRUE(m.maintenance);
+  m = FindMember(*dir, self);
+  ASSERT_TRUE(m);
+  EXPECT_TRUE(m->maintenance);
   ASSERT_EQ(dir->LeaveCluster(), NUK_OK);
-  EXPECT_FALSE(findSelf(&m));
+  EXPECT_FALSE(FindMember(*dir, self));
   EXPECT_EQ(dir->UpdateSelfMember([](MemberRecord&) {}), NUK_NOT_FOUND);
   EXPECT_EQ(dir->LeaveCluster(), NUK_NOT_FOUND);
   ASSERT_EQ(dir->JoinCluster(), NUK_OK);
-  EXPECT_TRUE(findSelf(&m));
+  EXPECT_TRUE(FindMember(*dir, self));
 }
 
 TYPED_TEST(DirectoryConformance, OwnerRecordsChangeOnlyByCompareAndSwap) {

@@ -3,16 +3,16 @@
 // on loopback.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdlib>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "platform/directory.h"
 #include "platform/directory_etcd.h"
+#include "tests/platform/directory_test_util.h"
 #include "tests/support/etcd_fixture.h"
 #include "tests/support/test_support.h"
 
@@ -20,108 +20,26 @@ using kel::platform::Directory;
 using kel::platform::DirectoryRole;
 using kel::platform::DirEntry;
 using kel::platform::DirQuery;
-using kel::platform::DirUuidToText;
 using kel::platform::EtcdDirectory;
 using kel::platform::HostConfig;
-using kel::platform::MemberRecord;
-using kel::platform::RandomDirUuid;
+using kel::testing::Eventually;
+using kel::testing::Exists;
+using kel::testing::MakeEntry;
+using kel::testing::Recorder;
+using kel::testing::UpdateAndWait;
 
 namespace {
 
 constexpr auto kWait = std::chrono::seconds(15);
 
-// Predicates given to WaitFor may call the other accessors: the lock is recursive.
-class Notes {
- public:
-  Directory::NotifyFn Fn() {
-    return [this](NUK_ReturnStatus st, const DirEntry* e) {
-      std::lock_guard<std::recursive_mutex> guard(mu_);
-      list_.push_back({st, e != nullptr ? *e : DirEntry()});
-      cv_.notify_all();
-    };
-  }
-  bool WaitFor(
-      const std::function<bool(const std::vector<std::pair<NUK_ReturnStatus, DirEntry>>&)>& pred,
-      std::chrono::milliseconds timeout = kWait) {
-    std::unique_lock<std::recursive_mutex> lock(mu_);
-    return cv_.wait_for(lock, timeout, [&] { return pred(list_); });
-  }
-  // The data of every NUK_OK notification of `uuid`, in arrival order.
-  std::vector<std::string> DataOf(const kel::platform::DirUuid& uuid) {
-    std::lock_guard<std::recursive_mutex> guard(mu_);
-    std::vector<std::string> out;
-    for (const auto& n : list_) {
-      if (n.first == NUK_OK && n.second.uuid == uuid) out.push_back(n.second.data);
-    }
-    return out;
-  }
-  bool Has(NUK_ReturnStatus st, const kel::platform::DirUuid& uuid) {
-    std::lock_guard<std::recursive_mutex> guard(mu_);
-    for (const auto& n : list_) {
-      if (n.first == st && n.second.uuid == uuid) return true;
-    }
-    return false;
-  }
-
- private:
-  std::recursive_mutex mu_;
-  std::condition_variable_any cv_;
-  std::vector<std::pair<NUK_ReturnStatus, DirEntry>> list_;
-};
-
-NUK_ReturnStatus Put(Directory& dir, const DirEntry& e) {
-  std::mutex mu;
-  std::condition_variable cv;
-  bool done = false;
-  NUK_ReturnStatus result = NUK_PENDING;
-  NUK_ReturnStatus st = dir.Update(e, [&](NUK_ReturnStatus s) {
-    std::lock_guard<std::mutex> guard(mu);
-    result = s;
-    done = true;
-    cv.notify_all();
-  });
-  if (st != NUK_OK) return st;
-  std::unique_lock<std::mutex> lock(mu);
-  cv.wait(lock, [&] { return done; });
-  return result;
+// The lease that the host's member record names; 0 when the host is no member.
+int64_t MemberLease(Directory& dir, const std::string& uuid) {
+  auto m = kel::testing::FindMember(dir, uuid);
+  return m ? strtoll(m->leaseId.c_str(), nullptr, 10) : 0;
 }
 
 bool IsMember(Directory& dir, const std::string& uuid) {
-  std::vector<MemberRecord> members;
-  if (dir.ListMembers(&members) != NUK_OK) return false;
-  for (const auto& m : members) {
-    if (m.uuid == uuid) return true;
-  }
-  return false;
-}
-
-// The lease that the host's member record names; 0 when the host is no member.
-int64_t MemberLease(Directory& dir, const std::string& uuid) {
-  std::vector<MemberRecord> members;
-  if (dir.ListMembers(&members) != NUK_OK) return -1;
-  for (const auto& m : members) {
-    if (m.uuid == uuid) return strtoll(m.leaseId.c_str(), nullptr, 10);
-  }
-  return 0;
-}
-
-bool Exists(Directory& dir, const DirEntry& e) {
-  DirQuery q;
-  q.matchUuid = q.matchType = true;
-  q.uuid = e.uuid;
-  q.type = e.type;
-  std::vector<DirEntry> found;
-  return dir.Find(q, &found) == NUK_OK;
-}
-
-template <typename Pred>
-bool Eventually(Pred pred, std::chrono::milliseconds timeout = kWait) {
-  auto deadline = std::chrono::steady_clock::now() + timeout;
-  while (std::chrono::steady_clock::now() < deadline) {
-    if (pred()) return true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-  }
-  return pred();
+  return kel::testing::FindMember(dir, uuid).has_value();
 }
 
 class EtcdDirectoryTest : public ::testing::Test {
@@ -143,25 +61,23 @@ class EtcdDirectoryTest : public ::testing::Test {
 };
 
 TEST_F(EtcdDirectoryTest, WatchResumesAfterACutStreamAndAServerRestartWithoutLosingEvents) {
-  Notes notes;  // outlives the directories, whose last call (the end) may come late
+  Recorder notes;  // outlives the directories, whose last call (the end) may come late
   auto writer = Open(Host("writer"));
   auto watcher = Open(Host("watcher"));
   DirQuery all;
   Directory::SubscriptionId id = 0;
   ASSERT_EQ(watcher->Subscribe(all, notes.Fn(), &id), NUK_OK);
-  DirEntry e;
-  e.uuid = RandomDirUuid();
-  e.type = 37;
+  DirEntry e = MakeEntry(37);
 
   // Connection cut while five changes are made: all five arrive, in order.
   watcher->SetWatchPausedForTest(true);
   watcher->CutWatchStreamForTest();
   for (int i = 1; i <= 5; ++i) {
     e.data = "gen-" + std::to_string(i);
-    ASSERT_EQ(Put(*writer, e), NUK_OK);
+    ASSERT_EQ(UpdateAndWait(*writer, e), NUK_OK);
   }
   watcher->SetWatchPausedForTest(false);
-  ASSERT_TRUE(notes.WaitFor([&](const auto&) { return notes.DataOf(e.uuid).size() >= 5; }));
+  ASSERT_TRUE(notes.WaitFor([&] { return notes.DataOf(e.uuid).size() >= 5; }));
   EXPECT_EQ(notes.DataOf(e.uuid),
             (std::vector<std::string>{"gen-1", "gen-2", "gen-3", "gen-4", "gen-5"}));
 
@@ -170,9 +86,9 @@ TEST_F(EtcdDirectoryTest, WatchResumesAfterACutStreamAndAServerRestartWithoutLos
   ASSERT_TRUE(server_.Restart(&error)) << error;
   for (int i = 6; i <= 8; ++i) {
     e.data = "gen-" + std::to_string(i);
-    ASSERT_TRUE(Eventually([&] { return Put(*writer, e) == NUK_OK; }));
+    ASSERT_TRUE(Eventually([&] { return UpdateAndWait(*writer, e) == NUK_OK; }, kWait));
   }
-  ASSERT_TRUE(notes.WaitFor([&](const auto&) { return notes.DataOf(e.uuid).size() >= 8; }));
+  ASSERT_TRUE(notes.WaitFor([&] { return notes.DataOf(e.uuid).size() >= 8; }));
   auto seen = notes.DataOf(e.uuid);
   EXPECT_EQ(std::vector<std::string>(seen.begin() + 5, seen.end()),
             (std::vector<std::string>{"gen-6", "gen-7", "gen-8"}));
@@ -181,19 +97,12 @@ TEST_F(EtcdDirectoryTest, WatchResumesAfterACutStreamAndAServerRestartWithoutLos
 }
 
 TEST_F(EtcdDirectoryTest, ACompactedResumePointIsRepairedByReadingAndReportingTheDifferences) {
-  Notes notes;
+  Recorder notes;
   auto writer = Open(Host("writer"));
   auto watcher = Open(Host("watcher"));
-  DirEntry kept, removed, added;
-  kept.uuid = RandomDirUuid();
-  removed.uuid = RandomDirUuid();
-  added.uuid = RandomDirUuid();
-  kept.type = removed.type = added.type = 38;
-  kept.data = "v1";
-  removed.data = "bye";
-  added.data = "new";
-  ASSERT_EQ(Put(*writer, kept), NUK_OK);
-  ASSERT_EQ(Put(*writer, removed), NUK_OK);
+  DirEntry kept = MakeEntry(38, "v1"), removed = MakeEntry(38, "bye"), added = MakeEntry(38, "new");
+  ASSERT_EQ(UpdateAndWait(*writer, kept), NUK_OK);
+  ASSERT_EQ(UpdateAndWait(*writer, removed), NUK_OK);
 
   DirQuery all;
   Directory::SubscriptionId id = 0;
@@ -201,15 +110,15 @@ TEST_F(EtcdDirectoryTest, ACompactedResumePointIsRepairedByReadingAndReportingTh
   watcher->SetWatchPausedForTest(true);
   watcher->CutWatchStreamForTest();
   kept.data = "v2";
-  ASSERT_EQ(Put(*writer, kept), NUK_OK);
+  ASSERT_EQ(UpdateAndWait(*writer, kept), NUK_OK);
   ASSERT_EQ(writer->Delete(removed.uuid, removed.type), NUK_OK);
-  ASSERT_EQ(Put(*writer, added), NUK_OK);
+  ASSERT_EQ(UpdateAndWait(*writer, added), NUK_OK);
   int64_t rev = server_.CurrentRevision();
   ASSERT_GT(rev, 0);
   ASSERT_TRUE(server_.Compact(rev));
   watcher->SetWatchPausedForTest(false);
 
-  ASSERT_TRUE(notes.WaitFor([&](const auto&) {
+  ASSERT_TRUE(notes.WaitFor([&] {
     return notes.Has(NUK_OK, added.uuid) && notes.Has(NUK_NOT_FOUND, removed.uuid) &&
            !notes.DataOf(kept.uuid).empty();
   }));
@@ -218,34 +127,31 @@ TEST_F(EtcdDirectoryTest, ACompactedResumePointIsRepairedByReadingAndReportingTh
 
   // And the stream carries on after the repair.
   kept.data = "v3";
-  ASSERT_EQ(Put(*writer, kept), NUK_OK);
-  ASSERT_TRUE(notes.WaitFor([&](const auto&) { return notes.DataOf(kept.uuid).size() == 2; }));
+  ASSERT_EQ(UpdateAndWait(*writer, kept), NUK_OK);
+  ASSERT_TRUE(notes.WaitFor([&] { return notes.DataOf(kept.uuid).size() == 2; }));
   EXPECT_EQ(notes.DataOf(kept.uuid).back(), "v3");
   EXPECT_EQ(watcher->Unsubscribe(id), NUK_OK);
 }
 
 TEST_F(EtcdDirectoryTest, AnExpiredLeaseTakesTheHostAndItsEntriesAndIsRepairedWhenItWakesUp) {
-  Notes notes;
+  Recorder notes;
   HostConfig a = Host("short-lived", 2);
   auto host = Open(a);
   auto other = Open(Host("observer"));
-  DirEntry nic;
-  nic.uuid = RandomDirUuid();
-  nic.type = 38;
-  nic.data = "nuk0";
-  ASSERT_EQ(Put(*host, nic), NUK_OK);
+  DirEntry nic = MakeEntry(38, "nuk0");
+  ASSERT_EQ(UpdateAndWait(*host, nic), NUK_OK);
   DirQuery all;
   Directory::SubscriptionId id = 0;
   ASSERT_EQ(other->Subscribe(all, notes.Fn(), &id), NUK_OK);
   ASSERT_TRUE(IsMember(*other, a.hostUuid));
 
   host->SuspendKeepAliveForTest(true);  // as if the host hung
-  ASSERT_TRUE(notes.WaitFor([&](const auto&) { return notes.Has(NUK_NOT_FOUND, nic.uuid); }));
+  ASSERT_TRUE(notes.WaitFor([&] { return notes.Has(NUK_NOT_FOUND, nic.uuid); }));
   EXPECT_FALSE(IsMember(*other, a.hostUuid));
   EXPECT_FALSE(Exists(*other, nic));
 
   host->SuspendKeepAliveForTest(false);  // it wakes up: new lease, member and entries again
-  ASSERT_TRUE(notes.WaitFor([&](const auto&) { return notes.Has(NUK_OK, nic.uuid); }));
+  ASSERT_TRUE(notes.WaitFor([&] { return notes.Has(NUK_OK, nic.uuid); }));
   EXPECT_TRUE(IsMember(*other, a.hostUuid));
   EXPECT_TRUE(Exists(*other, nic));
   EXPECT_EQ(other->Unsubscribe(id), NUK_OK);
@@ -258,27 +164,23 @@ TEST_F(EtcdDirectoryTest, ProgramsBorrowTheAgentsLeaseOrHoldTheirOwnForTheirLife
                          "http://127.0.0.1:" + std::to_string(kel::testing::FreeLoopbackPort()));
   auto agent = Open(h, DirectoryRole::kHostAgent);
   EXPECT_TRUE(agent->OwnsLease());
-  DirEntry byClient;
-  byClient.uuid = RandomDirUuid();
-  byClient.type = 38;
+  DirEntry byClient = MakeEntry(38);
   {
     auto client = Open(h, DirectoryRole::kClient);
     EXPECT_EQ(client->LeaseId(), agent->LeaseId());
     EXPECT_FALSE(client->OwnsLease());
-    ASSERT_EQ(Put(*client, byClient), NUK_OK);
+    ASSERT_EQ(UpdateAndWait(*client, byClient), NUK_OK);
   }
   EXPECT_TRUE(Exists(*agent, byClient)) << "a borrowed lease is not revoked by the borrower";
 
   HostConfig lone = Host("no-agent");
-  DirEntry byLone;
-  byLone.uuid = RandomDirUuid();
-  byLone.type = 38;
+  DirEntry byLone = MakeEntry(38);
   {
     auto client = Open(lone, DirectoryRole::kClient);
     EXPECT_TRUE(client->OwnsLease());
     EXPECT_NE(client->LeaseId(), agent->LeaseId());
     ASSERT_TRUE(IsMember(*agent, lone.hostUuid));
-    ASSERT_EQ(Put(*client, byLone), NUK_OK);
+    ASSERT_EQ(UpdateAndWait(*client, byLone), NUK_OK);
     ASSERT_TRUE(Exists(*agent, byLone));
   }
   EXPECT_FALSE(Exists(*agent, byLone)) << "its own lease ends with the program";
@@ -287,35 +189,25 @@ TEST_F(EtcdDirectoryTest, ProgramsBorrowTheAgentsLeaseOrHoldTheirOwnForTheirLife
 
 TEST_F(EtcdDirectoryTest, ARestartedAgentAdoptsItsLiveLeaseAndNoticesWhenTheHostLeft) {
   HostConfig h = Host("agent", 2);
-  DirEntry nic;
-  nic.uuid = RandomDirUuid();
-  nic.type = 38;
+  DirEntry nic = MakeEntry(38);
   int64_t firstLease = 0;
   {
     auto first = Open(h);
     firstLease = first->LeaseId();
-    ASSERT_EQ(Put(*first, nic), NUK_OK);
+    ASSERT_EQ(UpdateAndWait(*first, nic), NUK_OK);
   }
   auto second = Open(h);
   EXPECT_EQ(second->LeaseId(), firstLease);
   std::this_thread::sleep_for(std::chrono::milliseconds(3500));  // longer than the TTL
   EXPECT_TRUE(Exists(*second, nic)) << "entries of the previous run stay with the adopted lease";
 
-  std::mutex mu;
-  std::condition_variable cv;
-  bool lost = false;
-  second->SetMembershipLostHandler([&] {
-    std::lock_guard<std::mutex> guard(mu);
-    lost = true;
-    cv.notify_all();
-  });
+  std::atomic<bool> lost{false};
+  second->SetMembershipLostHandler([&] { lost = true; });
   {
     auto kelctl = Open(h, DirectoryRole::kClient);
     ASSERT_EQ(kelctl->LeaveCluster(), NUK_OK);
   }
-  std::unique_lock<std::mutex> lock(mu);
-  ASSERT_TRUE(cv.wait_for(lock, kWait, [&] { return lost; }));
-  lock.unlock();
+  ASSERT_TRUE(Eventually([&] { return lost.load(); }, kWait));
   std::this_thread::sleep_for(std::chrono::milliseconds(1500));
   EXPECT_FALSE(IsMember(*second, h.hostUuid)) << "the agent does not re-register by itself";
   ASSERT_EQ(second->JoinCluster(), NUK_OK);
@@ -331,15 +223,13 @@ TEST_F(EtcdDirectoryTest, ShortLivedClientsBorrowWhicheverLeaseKeepsTheHostAlive
   ASSERT_TRUE(keld->OwnsLease());
   const int64_t keldLease = keld->LeaseId();
   EXPECT_EQ(MemberLease(*observer, h.hostUuid), keldLease);
-  DirEntry byClient;
-  byClient.uuid = RandomDirUuid();
-  byClient.type = 38;
+  DirEntry byClient = MakeEntry(38);
   for (int run = 0; run < 2; ++run) {
     auto kelctl = Open(h, DirectoryRole::kClient);
     EXPECT_EQ(kelctl->LeaseId(), keldLease);
     EXPECT_FALSE(kelctl->OwnsLease());
     if (run == 0) {
-      ASSERT_EQ(Put(*kelctl, byClient), NUK_OK);
+      ASSERT_EQ(UpdateAndWait(*kelctl, byClient), NUK_OK);
     }
   }
   std::this_thread::sleep_for(std::chrono::milliseconds(3500));  // longer than the TTL
@@ -360,7 +250,7 @@ TEST_F(EtcdDirectoryTest, ShortLivedClientsBorrowWhicheverLeaseKeepsTheHostAlive
     EXPECT_FALSE(other->OwnsLease());
   }
   // The agent stopped: once its lease has run out keld registers the host again.
-  EXPECT_TRUE(Eventually([&] { return MemberLease(*observer, h.hostUuid) == keldLease; }));
+  EXPECT_TRUE(Eventually([&] { return MemberLease(*observer, h.hostUuid) == keldLease; }, kWait));
 
   // A host that leaves the cluster stays out although keld keeps running.
   {

@@ -2,7 +2,6 @@
 // from several processes at once.
 #include "platform/host_config.h"
 
-#include <dirent.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -14,8 +13,9 @@
 #include <string>
 
 #include "platform/exception.h"
+#include "platform/fs.h"
 #include "platform/settings.h"
-#include "tests/support/test_support.h"
+#include "tests/support/test_host.h"
 
 using HostCtl::Lib::Orsa::OrsaCtlException;
 using kel::platform::HostConfig;
@@ -26,21 +26,13 @@ using kel::testing::WriteFile;
 
 namespace {
 
-std::string RefusalOf(const std::string& path) {
-  try {
-    LoadHostConfigFile(path);
-  } catch (const OrsaCtlException& e) {
-    return e.GetMessage();
-  }
-  return "";
-}
-
 TEST(HostConfig, FileOverridesTheEmbeddedDefault) {
   TempDir dir;
   std::string file = dir.Join("host.json");
   WriteFile(file, R"({
     "host": {"uuid": "", "name": "h1", "site": "Preferred"},
-    "stateDir": ")" + dir.Join("state") + R"(",
+    "stateDir": ")" + dir.Join("state") +
+                      R"(",
     "directory": {"backend": "etcd", "endpoints": ["http://127.0.0.1:2379"], "prefix": "/kel/c1"},
     "network": {"interfaces": {"nuk0": {"ipv4": "127.0.0.11", "ipv6": ""}}},
     "daemon": {"control": "/bin/true", "tgtdControlPort": 7},
@@ -70,40 +62,36 @@ TEST(HostConfig, FileOverridesTheEmbeddedDefault) {
 TEST(HostConfig, RefusesUnknownKeysAndWrongTypesNamingTheKey) {
   TempDir dir;
   std::string file = dir.Join("host.json");
-  WriteFile(file, R"({"directory": {"backend": "embedded", "bogus": 1}})");
-  EXPECT_NE(RefusalOf(file).find("unknown key 'directory.bogus'"), std::string::npos);
-  WriteFile(file, R"({"daemon": {"tgtdControlPort": "7"}})");
-  EXPECT_NE(RefusalOf(file).find("'daemon.tgtdControlPort' must be an integer"),
-            std::string::npos);
-  WriteFile(file, R"({"options": {"ORSA": {"KelStretchedCluster": true}}})");
-  EXPECT_NE(RefusalOf(file).find("'options.ORSA.KelStretchedCluster'"), std::string::npos);
-  WriteFile(file, R"({"stateDir": "/x", "extra": {}})");
-  EXPECT_NE(RefusalOf(file).find("unknown key 'extra'"), std::string::npos);
-  WriteFile(file, "{ not json");
-  EXPECT_NE(RefusalOf(file).find("not valid JSON"), std::string::npos);
+  const std::pair<const char*, const char*> refused[] = {
+      {R"({"directory": {"backend": "embedded", "bogus": 1}})", "unknown key 'directory.bogus'"},
+      {R"({"daemon": {"tgtdControlPort": "7"}})", "'daemon.tgtdControlPort' must be an integer"},
+      {R"({"options": {"ORSA": {"KelStretchedCluster": true}}})",
+       "'options.ORSA.KelStretchedCluster'"},
+      {R"({"stateDir": "/x", "extra": {}})", "unknown key 'extra'"},
+      {"{ not json", "not valid JSON"},
+  };
+  for (const auto& [text, reason] : refused) {
+    WriteFile(file, text);
+    const std::string message = kel::testing::ErrorOf([&] { LoadHostConfigFile(file); });
+    EXPECT_NE(message.find(reason), std::string::npos) << text << " -> " << message;
+  }
 }
 
 TEST(HostConfig, PrecedenceOfExplicitPathOverEnvironment) {
   TempDir dir;
-  WriteFile(dir.Join("a.json"), R"({"host": {"name": "from-flag"}, "stateDir": ")" +
-                                    dir.Join("s") + "\"}");
-  WriteFile(dir.Join("b.json"), R"({"host": {"name": "from-env"}, "stateDir": ")" +
-                                    dir.Join("s") + "\"}");
+  WriteFile(dir.Join("a.json"),
+            R"({"host": {"name": "from-flag"}, "stateDir": ")" + dir.Join("s") + "\"}");
+  WriteFile(dir.Join("b.json"),
+            R"({"host": {"name": "from-env"}, "stateDir": ")" + dir.Join("s") + "\"}");
   setenv("KEL_CONFIG", dir.Join("b.json").c_str(), 1);
   EXPECT_EQ(LoadHostConfig(dir.Join("a.json")).hostName, "from-flag");
   EXPECT_EQ(LoadHostConfig("").hostName, "from-env");
   unsetenv("KEL_CONFIG");
 }
 
-}  // namespace
-
-namespace {
-
-using HostCtl::Lib::Orsa::OrsaCtlException;
 using kel::platform::LoadSettings;
 using kel::platform::Settings;
 using kel::platform::UpdateSettings;
-using kel::testing::TempDir;
 
 class SettingsStore : public ::testing::Test {
  protected:
@@ -183,12 +171,10 @@ TEST_F(SettingsStore, StoresPrivatelyAndFollowsChangesOfOtherProcesses) {
   EXPECT_TRUE(LoadSettings().serviceEnabled);
   EXPECT_EQ(kel::testing::ReadFile(path_), R"({"serviceEnabled": true})");
   // Nothing but the store and its lock file is left in the state directory.
-  std::set<std::string> names;
-  DIR* d = opendir(dir_.Join("state").c_str());
-  ASSERT_NE(d, nullptr);
-  while (struct dirent* e = readdir(d)) names.insert(e->d_name);
-  closedir(d);
-  EXPECT_EQ(names, (std::set<std::string>{".", "..", "settings.json", "settings.lock"}));
+  std::vector<std::string> names;
+  ASSERT_EQ(kel::platform::LinuxFs().ListDir(dir_.Join("state"), &names), 0);
+  EXPECT_EQ(std::set<std::string>(names.begin(), names.end()),
+            (std::set<std::string>{"settings.json", "settings.lock"}));
 }
 
 TEST_F(SettingsStore, ConcurrentUpdatesFromSeveralProcessesAreNotLost) {
