@@ -11,6 +11,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -58,53 +59,65 @@ class ConfFile : public ::testing::Test {
     return std::vector<milliseconds>(n, milliseconds(ms));
   }
 
+  // One open of the file under a fake clock, closed again at once: its status, the waits it made,
+  // the access mode it got and every line it logged. `onSleep` runs as each wait begins.
+  struct Attempt {
+    NUK_ReturnStatus status;
+    std::vector<milliseconds> sleeps;
+    int accessMode = -1;
+    std::string log;
+    bool Logged(const std::string& line) const { return log.find(line) != std::string::npos; }
+  };
+  Attempt Open(bool exclusive, int budgetMs, std::function<void(int)> onSleep = nullptr) {
+    ScriptedClock clock(std::move(onSleep));
+    LogCapture capture;
+    FioHandle file;
+    Attempt a;
+    a.status = exclusive ? conf_file_open_exclusive_lock(path_.c_str(), &file, budgetMs)
+                         : conf_file_open_share_lock(path_.c_str(), &file, budgetMs);
+    EXPECT_EQ(file.Valid(), a.status == NUK_OK);
+    if (file.Valid()) a.accessMode = fcntl(file.fd, F_GETFL) & O_ACCMODE;
+    conf_close_file(&file);
+    a.sleeps = clock.Sleeps();
+    a.log = capture.Joined();
+    return a;
+  }
+
   TempDir dir_;
   std::string path_;
   int saved_level_ = 0;
 };
 
 TEST_F(ConfFile, MissingFileIsRetriedFiveTimesTwoSecondsApart) {
-  ScriptedClock clock;
-  LogCapture capture;
-  FioHandle file;
-  EXPECT_EQ(conf_file_open_share_lock(path_.c_str(), &file, 300000), NUK_NOT_FOUND);
-  EXPECT_FALSE(file.Valid());
-  EXPECT_EQ(clock.Sleeps(), Repeat(5, 2000));
-  EXPECT_TRUE(capture.Contains("KELD: requesting share lock for config file " + path_));
-  EXPECT_TRUE(capture.Contains("KELD: open failed for " + path_ +
-                               " after 0 lock retries and 5 not found retries due to error (" +
-                               NUK_ReturnStatusToString(NUK_NOT_FOUND) + ")."))
-      << capture.Joined();
-  EXPECT_TRUE(capture.Contains("KELD: unable to open and lock config file " + path_ +
-                               ": No such file or directory"))
-      << capture.Joined();
-
+  Attempt a = Open(false, 300000);
+  EXPECT_EQ(a.status, NUK_NOT_FOUND);
+  EXPECT_EQ(a.sleeps, Repeat(5, 2000));
+  EXPECT_TRUE(a.Logged("KELD: requesting share lock for config file " + path_)) << a.log;
+  EXPECT_TRUE(a.Logged("KELD: open failed for " + path_ +
+                       " after 0 lock retries and 5 not found retries due to error (" +
+                       NUK_ReturnStatusToString(NUK_NOT_FOUND) + ")."));
+  EXPECT_TRUE(a.Logged("KELD: unable to open and lock config file " + path_ +
+                       ": No such file or directory"));
   // The not-found budget follows a shorter wait (ceil(3000 / 2000) = 2) and is capped at 10 s.
-  ScriptedClock short_clock;
-  EXPECT_EQ(conf_file_open_exclusive_lock(path_.c_str(), &file, 3000), NUK_NOT_FOUND);
-  EXPECT_EQ(short_clock.Sleeps(), Repeat(2, 2000));
+  EXPECT_EQ(Open(true, 3000).sleeps, Repeat(2, 2000));
 }
 
 TEST_F(ConfFile, FileThatAppearsWhileWaitingIsOpened) {
-  ScriptedClock clock([&](int n) {
+  Attempt a = Open(true, 300000, [&](int n) {
     if (n == 2) WriteFile(path_, "generation 3\n");
   });
+  ASSERT_EQ(a.status, NUK_OK);
+  EXPECT_EQ(a.accessMode, O_RDWR);
+  EXPECT_EQ(a.sleeps, Repeat(2, 2000));
+  EXPECT_TRUE(a.Logged("KELD: open succeeded for " + path_ +
+                       " after 0 lock retries and 2 not found retries"))
+      << a.log;
+  EXPECT_TRUE(a.Logged("KELD: exclusive lock succeeded for config file " + path_));
+  EXPECT_TRUE(a.Logged("KELD: unlocked config file"));
+  // Closing a handle that is not open does nothing and logs nothing.
   LogCapture capture;
-  FioHandle file;
-  ASSERT_EQ(conf_file_open_exclusive_lock(path_.c_str(), &file, 300000), NUK_OK);
-  EXPECT_TRUE(file.Valid());
-  EXPECT_EQ(fcntl(file.fd, F_GETFL) & O_ACCMODE, O_RDWR);
-  EXPECT_EQ(clock.Sleeps(), Repeat(2, 2000));
-  EXPECT_TRUE(capture.Contains("KELD: open succeeded for " + path_ +
-                               " after 0 lock retries and 2 not found retries"))
-      << capture.Joined();
-  EXPECT_TRUE(capture.Contains("KELD: exclusive lock succeeded for config file " + path_));
-  capture.Clear();
-  EXPECT_EQ(conf_close_file(&file), NUK_OK);
-  EXPECT_FALSE(file.Valid());
-  EXPECT_TRUE(capture.Contains("KELD: unlocked config file"));
-  capture.Clear();
-  EXPECT_EQ(conf_close_file(&file), NUK_OK);  // already closed: nothing to do, nothing logged
+  FioHandle closed;
+  EXPECT_EQ(conf_close_file(&closed), NUK_OK);
   EXPECT_EQ(capture.Records().size(), 0u);
 }
 
@@ -112,67 +125,35 @@ TEST_F(ConfFile, LockHeldByAnotherProcessIsWaitedForWithinTheBudget) {
   WriteFile(path_, "generation 1\n");
   LockHolder holder(path_, /*exclusive=*/true);
   ASSERT_TRUE(holder.locked());
-  {
-    ScriptedClock clock;
-    LogCapture capture;
-    FioHandle file;
-    EXPECT_EQ(conf_file_open_share_lock(path_.c_str(), &file, 1000), NUK_BUSY);
-    EXPECT_FALSE(file.Valid());
-    EXPECT_EQ(clock.Sleeps(), Repeat(5, 200));
-    EXPECT_TRUE(capture.Contains("KELD: open failed for " + path_ +
-                                 " after 5 lock retries and 0 not found retries due to error (" +
-                                 NUK_ReturnStatusToString(NUK_BUSY) + ")."))
-        << capture.Joined();
-    EXPECT_TRUE(capture.Contains("KELD: unable to open and lock config file " + path_));
-  }
-  {
-    // Budgets round up, and nothing is retried or reported without a budget.
-    ScriptedClock clock;
-    FioHandle file;
-    EXPECT_EQ(conf_file_open_exclusive_lock(path_.c_str(), &file, 1001), NUK_BUSY);
-    EXPECT_EQ(clock.Sleeps(), Repeat(6, 200));
-    ScriptedClock no_wait;
-    LogCapture capture;
-    EXPECT_EQ(conf_file_open_exclusive_lock(path_.c_str(), &file, 0), NUK_BUSY);
-    EXPECT_TRUE(no_wait.Sleeps().empty());
-    EXPECT_FALSE(capture.Contains("open failed for"));
-    EXPECT_TRUE(capture.Contains("unable to open and lock config file"));
-  }
-  {
-    // The lock budget is capped at 600 s.
-    ScriptedClock clock;
-    FioHandle file;
-    EXPECT_EQ(conf_file_open_share_lock(path_.c_str(), &file, 900000), NUK_BUSY);
-    EXPECT_EQ(clock.Sleeps().size(), 3000u);
-  }
-  {
-    // Released after the third sleep: the fourth attempt gets it.
-    ScriptedClock clock([&](int n) {
-      if (n == 3) holder.Release();
-    });
-    LogCapture capture;
-    FioHandle file;
-    ASSERT_EQ(conf_file_open_share_lock(path_.c_str(), &file, 300000), NUK_OK);
-    EXPECT_EQ(fcntl(file.fd, F_GETFL) & O_ACCMODE, O_RDONLY);
-    EXPECT_EQ(clock.Sleeps(), Repeat(3, 200));
-    EXPECT_TRUE(capture.Contains("KELD: open succeeded for " + path_ +
-                                 " after 3 lock retries and 0 not found retries"))
-        << capture.Joined();
-    conf_close_file(&file);
-  }
-}
+  Attempt a = Open(false, 1000);
+  EXPECT_EQ(a.status, NUK_BUSY);
+  EXPECT_EQ(a.sleeps, Repeat(5, 200));
+  EXPECT_TRUE(a.Logged("KELD: open failed for " + path_ +
+                       " after 5 lock retries and 0 not found retries due to error (" +
+                       NUK_ReturnStatusToString(NUK_BUSY) + ")."))
+      << a.log;
+  EXPECT_TRUE(a.Logged("KELD: unable to open and lock config file " + path_));
 
-TEST_F(ConfFile, SharedHoldersDoNotWaitForEachOther) {
-  WriteFile(path_, "generation 1\n");
-  LockHolder reader(path_, /*exclusive=*/false);
-  ASSERT_TRUE(reader.locked());
-  ScriptedClock clock;
-  FioHandle file;
-  ASSERT_EQ(conf_file_open_share_lock(path_.c_str(), &file, 300000), NUK_OK);
-  EXPECT_TRUE(clock.Sleeps().empty());
-  conf_close_file(&file);
-  EXPECT_EQ(conf_file_open_exclusive_lock(path_.c_str(), &file, 400), NUK_BUSY);
-  EXPECT_EQ(clock.Sleeps(), Repeat(2, 200));
+  // Budgets round up, nothing is retried or reported without a budget, and the lock budget is
+  // capped at 600 s.
+  EXPECT_EQ(Open(true, 1001).sleeps, Repeat(6, 200));
+  a = Open(true, 0);
+  EXPECT_EQ(a.status, NUK_BUSY);
+  EXPECT_TRUE(a.sleeps.empty());
+  EXPECT_FALSE(a.Logged("open failed for"));
+  EXPECT_TRUE(a.Logged("unable to open and lock config file"));
+  EXPECT_EQ(Open(false, 900000).sleeps.size(), 3000u);
+
+  // Released after the third sleep: the fourth attempt gets it.
+  a = Open(false, 300000, [&](int n) {
+    if (n == 3) holder.Release();
+  });
+  ASSERT_EQ(a.status, NUK_OK);
+  EXPECT_EQ(a.accessMode, O_RDONLY);
+  EXPECT_EQ(a.sleeps, Repeat(3, 200));
+  EXPECT_TRUE(a.Logged("KELD: open succeeded for " + path_ +
+                       " after 3 lock retries and 0 not found retries"))
+      << a.log;
 }
 
 TEST_F(ConfFile, AWaitingWriterKeepsNewReadersOutUntilItHasTheFile) {
@@ -207,13 +188,11 @@ TEST_F(ConfFile, AWaitingWriterKeepsNewReadersOutUntilItHasTheFile) {
   LockHolder intentProbe(intent, /*exclusive=*/true);
   EXPECT_TRUE(intentProbe.locked());
   intentProbe.Release();
-  ScriptedClock after;
-  FioHandle reader2;
-  EXPECT_EQ(conf_file_open_share_lock(path_.c_str(), &reader2, 400), NUK_BUSY);
-  EXPECT_EQ(after.Sleeps(), Repeat(2, 200));
+  Attempt late = Open(false, 400);
+  EXPECT_EQ(late.status, NUK_BUSY);
+  EXPECT_EQ(late.sleeps, Repeat(2, 200));
   conf_close_file(&writer);
-  ASSERT_EQ(conf_file_open_share_lock(path_.c_str(), &reader2, 0), NUK_OK);
-  conf_close_file(&reader2);
+  EXPECT_EQ(Open(false, 0).status, NUK_OK);
 }
 
 // Several processes reading back to back, each holding the file a while, so that at every moment
