@@ -149,12 +149,8 @@ TEST_F(ConfigEntryTest, ChangeActionPublishesWarnsOnExistsAndThrowsOtherwise) {
       "NUK_EXISTS"));
 
   fake->SetUpdateResult(NUK_IO_ERROR);
-  try {
-    Util::DoActionForConfigChange(5);
-    FAIL() << "expected a throw";
-  } catch (const OrsaCtlException& e) {
-    EXPECT_EQ(e.GetMessage(), "Failed to Update KEL conf entry into LODEX with error: I/O error");
-  }
+  EXPECT_EQ(kel::testing::ErrorOf([] { Util::DoActionForConfigChange(5); }),
+            "Failed to Update KEL conf entry into LODEX with error: I/O error");
   EXPECT_TRUE(capture.Contains("KELD: Failed to update KEL config entry: I/O error"));
 
   // Without a configuration namespace there is nothing to key the entry by.

@@ -2,15 +2,13 @@
 // reaching another process's cache, a dead host's lease taking its entries with it, orphaned
 // objects being claimed once, and two transfers of one object racing on a real etcd.
 #include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <condition_variable>
 #include <cstdlib>
 #include <fstream>
+#include <functional>
 #include <mutex>
-#include <sstream>
 #include <thread>
 
 #include "directory/config_cache.h"
@@ -23,7 +21,6 @@
 #include "tests/directory/directory_test_env.h"
 #include "tests/support/etcd_fixture.h"
 
-using kel::platform::Directory;
 using kel::platform::DirectoryRole;
 using kel::platform::EtcdDirectory;
 using kel::platform::HostConfig;
@@ -50,18 +47,13 @@ void AppendLine(const std::string& path, const std::string& line) {
   out << line << "\n";
 }
 
-bool WaitForLine(const std::string& path, const std::string& needle,
-                 std::chrono::seconds timeout = std::chrono::seconds(30)) {
-  auto deadline = std::chrono::steady_clock::now() + timeout;
-  while (std::chrono::steady_clock::now() < deadline) {
-    std::ifstream in(path);
-    std::string line;
-    while (std::getline(in, line)) {
-      if (line.find(needle) != std::string::npos) return true;
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  }
-  return false;
+bool WaitForLine(const std::string& path, const std::string& needle) {
+  return kel::testing::Eventually(
+      [&] {
+        return kel::testing::PathExists(path) &&
+               kel::testing::ReadFile(path).find(needle) != std::string::npos;
+      },
+      std::chrono::seconds(30));
 }
 
 size_t Count(const std::string& text, const std::string& needle) {
@@ -70,14 +62,8 @@ size_t Count(const std::string& text, const std::string& needle) {
   return n;
 }
 
-template <typename Pred>
-bool Eventually(Pred pred, std::chrono::seconds timeout = std::chrono::seconds(20)) {
-  auto deadline = std::chrono::steady_clock::now() + timeout;
-  while (std::chrono::steady_clock::now() < deadline) {
-    if (pred()) return true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-  }
-  return pred();
+bool Eventually(const std::function<bool()>& pred) {
+  return kel::testing::Eventually(pred, std::chrono::seconds(20));
 }
 
 // The other process: runs only when started by a test below (KEL_CHILD_OUT names its report).
@@ -274,56 +260,19 @@ TEST_F(ClusterTest, ObjectsOfADepartedHostAreClaimedOnceByTheLiveHosts) {
 }
 
 // Holds every owner read until two callers have read: their swaps then race on one revision.
-class BarrierOnOwnerRead : public Directory {
+class BarrierOnOwnerRead : public EtcdDirectory {
  public:
-  explicit BarrierOnOwnerRead(std::shared_ptr<Directory> inner) : inner_(std::move(inner)) {}
-  kel::platform::DirUuid SelfUuid() const override { return inner_->SelfUuid(); }
-  NUK_ReturnStatus Find(const kel::platform::DirQuery& q,
-                        std::vector<kel::platform::DirEntry>* out) override {
-    return inner_->Find(q, out);
-  }
-  NUK_ReturnStatus Update(const kel::platform::DirEntry& e, CompletionFn done) override {
-    return inner_->Update(e, std::move(done));
-  }
-  NUK_ReturnStatus Delete(const kel::platform::DirUuid& u, uint8_t t) override {
-    return inner_->Delete(u, t);
-  }
-  NUK_ReturnStatus Subscribe(const kel::platform::DirQuery& q, NotifyFn fn,
-                             SubscriptionId* id) override {
-    return inner_->Subscribe(q, std::move(fn), id);
-  }
-  NUK_ReturnStatus Unsubscribe(SubscriptionId id) override { return inner_->Unsubscribe(id); }
-  NUK_ReturnStatus ListMembers(std::vector<kel::platform::MemberRecord>* out) override {
-    return inner_->ListMembers(out);
-  }
-  NUK_ReturnStatus UpdateSelfMember(
-      const std::function<void(kel::platform::MemberRecord&)>& edit) override {
-    return inner_->UpdateSelfMember(edit);
-  }
-  NUK_ReturnStatus JoinCluster() override { return inner_->JoinCluster(); }
-  NUK_ReturnStatus LeaveCluster() override { return inner_->LeaveCluster(); }
+  using EtcdDirectory::EtcdDirectory;
   NUK_ReturnStatus GetObjectOwner(const std::string& o, kel::platform::ObjectOwner* out) override {
-    NUK_ReturnStatus st = inner_->GetObjectOwner(o, out);
+    NUK_ReturnStatus st = EtcdDirectory::GetObjectOwner(o, out);
     std::unique_lock<std::mutex> lock(mu_);
     ++readers_;
     cv_.notify_all();
     cv_.wait_for(lock, std::chrono::seconds(5), [&] { return readers_ >= 2; });
     return st;
   }
-  NUK_ReturnStatus CompareAndSwapObjectOwner(const std::string& o, int64_t rev,
-                                             const std::string& h) override {
-    return inner_->CompareAndSwapObjectOwner(o, rev, h);
-  }
-  NUK_ReturnStatus DeleteObjectOwner(const std::string& o) override {
-    return inner_->DeleteObjectOwner(o);
-  }
-  NUK_ReturnStatus ListObjectOwners(
-      std::map<std::string, kel::platform::ObjectOwner>* out) override {
-    return inner_->ListObjectOwners(out);
-  }
 
  private:
-  std::shared_ptr<Directory> inner_;
   std::mutex mu_;
   std::condition_variable cv_;
   int readers_ = 0;
@@ -332,21 +281,18 @@ class BarrierOnOwnerRead : public Directory {
 TEST_F(ClusterTest, TwoConcurrentTransfersOfOneObjectHaveExactlyOneWinner) {
   DirTestEnv env(etcd_->Endpoint(), Prefix());
   HostConfig a = env.config(), b = Peer(a, "host-b"), c = Peer(a, "host-c");
-  auto dirA = std::make_shared<EtcdDirectory>(a, DirectoryRole::kHostAgent);
+  auto dirA = std::make_shared<BarrierOnOwnerRead>(a, DirectoryRole::kHostAgent);
   auto dirB = std::make_shared<EtcdDirectory>(b, DirectoryRole::kHostAgent);
   auto dirC = std::make_shared<EtcdDirectory>(c, DirectoryRole::kHostAgent);
   kel::platform::SetCurrentHostConfig(a);
   kel::platform::SetDirectoryForTest(dirA);
   std::string object = kel::platform::DirUuidToText(kel::platform::RandomDirUuid());
-  Util::ClaimObjectOwnership(object);
-
-  kel::platform::SetDirectoryForTest(std::make_shared<BarrierOnOwnerRead>(dirA));
+  ASSERT_EQ(dirB->CompareAndSwapObjectOwner(object, 0, a.hostUuid), NUK_OK);  // no barrier read
   bool toB = false, toC = false;
   std::thread t1([&] { toB = Util::TransferObjectByUuid(object, b.hostUuid); });
   std::thread t2([&] { toC = Util::TransferObjectByUuid(object, c.hostUuid); });
   t1.join();
   t2.join();
-  kel::platform::SetDirectoryForTest(dirA);
   EXPECT_NE(toB, toC) << "exactly one transfer wins";
   EXPECT_EQ(Util::GetTargetOwnerHostUuid(object), toB ? b.hostUuid : c.hostUuid);
 }

@@ -14,9 +14,13 @@ namespace testing {
 
 class DirTestEnv : public TestHost {
  public:
-  explicit DirTestEnv(const std::string& endpoint = "", const std::string& prefix = "/kel/env",
-                      int leaseTtl = 10)
-      : TestHost(HostOptions(endpoint, prefix, leaseTtl)) {
+  explicit DirTestEnv(const std::string& endpoint = "", const std::string& prefix = "/kel/env")
+      : TestHost([&] {
+          Options o;
+          o.endpoint = endpoint;
+          o.prefix = prefix;
+          return o;
+        }()) {
     MakeConfigNamespace();
     char link[64] = {};
     if (readlink(DatastoreJoin(".iSCSI-CONFIG").c_str(), link, sizeof(link) - 1) > 0) {
@@ -31,13 +35,6 @@ class DirTestEnv : public TestHost {
   const std::string& namespace_uuid() const { return namespaceUuid_; }
 
  private:
-  static Options HostOptions(const std::string& endpoint, const std::string& prefix, int ttl) {
-    Options o;
-    o.endpoint = endpoint;
-    o.prefix = prefix;
-    o.leaseTtl = ttl;
-    return o;
-  }
   std::string namespaceUuid_;
 };
 
