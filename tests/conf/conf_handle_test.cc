@@ -46,19 +46,20 @@ struct ConfEnv : kel::testing::TestHost {
   }
 };
 
-class ConfFile : public ::testing::Test {
+std::vector<milliseconds> Repeat(int n, int ms) {
+  return std::vector<milliseconds>(n, milliseconds(ms));
+}
+
+// Every line logged, the level put back afterwards.
+class AllLines : public ::testing::Test {
  protected:
-  void SetUp() override {
-    saved_level_ = log_get_level();
-    log_init(4);
-    path_ = dir_.Join("kel.conf");
-  }
+  void SetUp() override { log_init(4); }
   void TearDown() override { log_init(saved_level_); }
+  const int saved_level_ = log_get_level();
+};
 
-  std::vector<milliseconds> Repeat(int n, int ms) {
-    return std::vector<milliseconds>(n, milliseconds(ms));
-  }
-
+class ConfFile : public AllLines {
+ protected:
   // One open of the file under a fake clock, closed again at once: its status, the waits it made,
   // the access mode it got and every line it logged. `onSleep` runs as each wait begins.
   struct Attempt {
@@ -84,8 +85,7 @@ class ConfFile : public ::testing::Test {
   }
 
   TempDir dir_;
-  std::string path_;
-  int saved_level_ = 0;
+  const std::string path_ = dir_.Join("kel.conf");
 };
 
 TEST_F(ConfFile, MissingFileIsRetriedFiveTimesTwoSecondsApart) {
@@ -241,15 +241,11 @@ TEST_F(ConfFile, OverlappingReaderProcessesDoNotStarveAWriter) {
   EXPECT_LE(rounds, 3u);
 }
 
-class ConfHandleTest : public ::testing::Test {
+class ConfHandleTest : public AllLines {
  protected:
-  void SetUp() override {
-    saved_level_ = log_get_level();
-    log_init(4);
-  }
   void TearDown() override {
     ConfHandle::SetLockWaitMsForTest(300000);
-    log_init(saved_level_);
+    AllLines::TearDown();
   }
 
   // The message of the exception that constructing a handle throws ("" if it does not).
@@ -269,8 +265,6 @@ class ConfHandleTest : public ::testing::Test {
     Fio_Close(&probe);
     return true;
   }
-
-  int saved_level_ = 0;
 };
 
 TEST_F(ConfHandleTest, WritesRaiseTheGenerationAndKeepTheFileLockedAndPrivate) {

@@ -39,17 +39,23 @@ using log::LogCapture;
 namespace IT = NukCtl::Orsa::IscsiTarget;
 namespace Parser = NukCtl::Orsa::IscsiTarget::Parser;
 
-// A creation request for target number `n` (alias "t<n>"), on `nic`:`port` when given, with
-// everything else left empty.
-TargetCreateParam TargetParam(int n, std::vector<std::string> initiators = {},
-                              const std::string& nic = "", int port = 0) {
+// A request for the target `alias`, on `nic`:`port` when given, with everything else empty.
+TargetCreateParam Request(const std::string& alias, std::vector<std::string> initiators = {},
+                          const std::string& nic = "", int port = 0) {
   TargetCreateParam p;
-  p.alias = "t" + std::to_string(n);
-  p.iqn = TestIqn(n);
-  p.uuid = TestUuid(n);
+  p.alias = alias;
   p.initiators = std::move(initiators);
   p.networkInterface = nic;
   p.port = port;
+  return p;
+}
+
+// The creation request for target number `n`: alias "t<n>", its own name and uuid.
+TargetCreateParam TargetParam(int n, std::vector<std::string> initiators = {},
+                              const std::string& nic = "", int port = 0) {
+  TargetCreateParam p = Request("t" + std::to_string(n), std::move(initiators), nic, port);
+  p.iqn = TestIqn(n);
+  p.uuid = TestUuid(n);
   return p;
 }
 
@@ -364,10 +370,9 @@ TEST_F(ParserEdit, UpdateChangesOnlyWhatIsAsked) {
   // Everything empty keeps everything, but the initiator list is always the complete list; names
   // compare without case ("TWO" is the "two" already there).
   LogCapture capture;
-  TargetCreateParam u;
-  u.alias = "t1";
+  TargetCreateParam u =
+      Request("t1", {"iqn.1998-01.org.example:TWO", "iqn.1998-01.org.example:three", "gb"});
   u.uuid = TestUuid(1);
-  u.initiators = {"iqn.1998-01.org.example:TWO", "iqn.1998-01.org.example:three", "gb"};
   Update(u);
   auto c = ReadModel();
   EXPECT_EQ(c->conf_generation, gen + 1);
@@ -404,17 +409,12 @@ TEST_F(ParserEdit, UpdateChangesOnlyWhatIsAsked) {
   EXPECT_TRUE(capture.Contains("Parser: Updating target t1 status to offline"));
 
   // t2 leaves pg-nuk0-3300 too: now nobody uses it and it goes.
-  TargetCreateParam v;
-  v.alias = "t2";
-  v.networkInterface = "nuk1";
-  v.port = 3260;
-  Update(v);
+  Update(Request("t2", {}, "nuk1", 3260));
   EXPECT_EQ(portal_group_find(ReadModel().get(), "pg-nuk0-3300"), nullptr);
   EXPECT_TRUE(capture.Contains("Parser: Deleted portal-group pg-nuk0-3300 successfully."));
 
   // A target on the shared default group gets its own group for its authentication.
-  TargetCreateParam w;
-  w.alias = "t3";
+  TargetCreateParam w = Request("t3");
   w.authType = "No-Authentication";
   Update(w);
   c = ReadModel();
@@ -423,13 +423,9 @@ TEST_F(ParserEdit, UpdateChangesOnlyWhatIsAsked) {
   EXPECT_EQ(AuthGroupOf(TargetByAlias(c.get(), "t2")), "default");
 
   const std::string snapshot = host_.Snapshot();
-  TargetCreateParam missing;
-  missing.alias = "T1";
-  EXPECT_EQ(ErrorOf([&] { Update(missing); }), "Target T1 not found");
-  TargetCreateParam badGroup;
-  badGroup.alias = "t2";
-  badGroup.initiators = {"nosuch"};
-  EXPECT_EQ(ErrorOf([&] { Update(badGroup); }), "initiator group  \"nosuch\" not found");
+  EXPECT_EQ(ErrorOf([] { Update(Request("T1")); }), "Target T1 not found");
+  EXPECT_EQ(ErrorOf([] { Update(Request("t2", {"nosuch"})); }),
+            "initiator group  \"nosuch\" not found");
   EXPECT_EQ(host_.Snapshot(), snapshot);
 }
 
