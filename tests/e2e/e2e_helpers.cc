@@ -5,11 +5,10 @@
 #include <signal.h>
 #include <sys/stat.h>
 
-#include <fstream>
 #include <sstream>
 
 #include "host/tgtd_supervisor.h"
-#include "platform/directory.h"
+#include "tests/support/test_host.h"
 
 namespace kel {
 namespace e2e {
@@ -17,35 +16,19 @@ namespace e2e {
 using kel::testing::RunCommand;
 using nlohmann::json;
 
-namespace {
-
-int NumberFrom(const std::string& path) {
-  std::ifstream in(path);
-  int value = -1;
-  return (in >> value) ? value : -1;
-}
-
-}  // namespace
-
-bool ProcessAlive(int pid) {
-  if (pid <= 0) return false;
-  std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
-  std::string line;
-  if (!std::getline(stat, line)) return false;
-  size_t paren = line.rfind(')');
-  return paren != std::string::npos && paren + 2 < line.size() && line[paren + 2] != 'Z';
-}
-
-KelHost::KelHost(const std::string& address) : address_(address) {
-  port_ = kel::testing::FreeLoopbackPort(address_);
+KelHost::KelHost(const std::string& address, const Spec& spec) {
+  config_ = kel::testing::MakeTestHostConfig(dir_.path(), spec.name, spec.endpoint, "/kel/e2e");
+  if (!spec.datastore.empty()) config_.datastorePath = spec.datastore;
+  config_.networkOverride = true;
+  config_.interfaces["nuk0"] = {address, ""};
+  port_ = kel::testing::FreeLoopbackPort(address);
   // An index of our own below the range keld picks from, not used by a live tgtd.
-  controlIndex_ = 15000 + getpid() % 4000;
-  while (keld::TgtdSupervisor::ControlIndexLive("/run/tgtd", controlIndex_)) ++controlIndex_;
-  stateDir_ = dir_.Join("state");
-  datastore_ = dir_.Join("datastore");
-  mkdir(stateDir_.c_str(), 0700);
-  mkdir(datastore_.c_str(), 0700);
-  config_ = WriteConfig("host.json", kel::testing::BinaryDir() + "/keld/keld");
+  static int next = 15000 + getpid() % 4000;
+  while (keld::TgtdSupervisor::ControlIndexLive("/run/tgtd", next)) ++next;
+  config_.tgtdControlPort = next++;
+  mkdir(config_.stateDir.c_str(), 0700);
+  mkdir(config_.datastorePath.c_str(), 0700);
+  configPath_ = WriteConfig("host.json", kel::testing::BinaryDir() + "/keld/keld");
 }
 
 KelHost::~KelHost() {
@@ -57,33 +40,28 @@ KelHost::~KelHost() {
     if (!ProcessAlive(pid)) continue;
     ADD_FAILURE() << "process " << pid << " outlived the service disable";
     kill(pid, SIGKILL);
-    Eventually([pid] { return !ProcessAlive(pid); }, 5);
+    Eventually([pid] { return !ProcessAlive(pid); }, std::chrono::seconds(5));
   }
 }
 
 std::string KelHost::WriteConfig(const std::string& name, const std::string& control) const {
-  static const std::string uuid = platform::DirUuidToText(platform::RandomDirUuid());
-  json doc = {{"host", {{"uuid", uuid}, {"name", "e2e-host"}, {"site", ""}}},
-              {"stateDir", stateDir_},
-              {"datastore", {{"path", datastore_}}},
-              {"directory", {{"backend", "embedded"}}},
-              {"network", {{"interfaces", {{"nuk0", {{"ipv4", address_}, {"ipv6", ""}}}}}}},
-              {"daemon", {{"control", control}, {"tgtdControlPort", controlIndex_}}}};
+  platform::HostConfig config = config_;
+  config.daemonControl = control;
   const std::string path = dir_.Join(name);
-  kel::testing::WriteFile(path, doc.dump(2), 0644);
+  kel::testing::WriteHostConfigFile(path, config);
   return path;
 }
 
 std::string KelHost::QuietConfig() const { return WriteConfig("quiet.json", "true"); }
 
-std::string KelHost::hostUuid() const {
-  return json::parse(kel::testing::ReadFile(config_))["host"]["uuid"];
+std::string KelHost::keldLog() const {
+  return kel::testing::ReadFile(config_.stateDir + "/log/kel.log");
 }
 
 CommandResult KelHost::Kelctl(const std::vector<std::string>& args,
                               const std::string& config) const {
   std::vector<std::string> argv = {kel::testing::BinaryDir() + "/cli/kelctl", "--config",
-                                   config.empty() ? config_ : config};
+                                   config.empty() ? configPath_ : config};
   argv.insert(argv.end(), args.begin(), args.end());
   return RunCommand(argv, "", {}, std::chrono::milliseconds(120000));
 }
@@ -105,14 +83,18 @@ json KelHost::KelctlJson(const std::vector<std::string>& args) const {
 }
 
 CommandResult KelHost::Keld(const std::vector<std::string>& args) const {
-  std::vector<std::string> argv = {kel::testing::BinaryDir() + "/keld/keld", "--config", config_,
-                                   "++group=serad-tmp"};
+  std::vector<std::string> argv = {kel::testing::BinaryDir() + "/keld/keld", "--config",
+                                   configPath_, "++group=serad-tmp"};
   argv.insert(argv.end(), args.begin(), args.end());
   return RunCommand(argv, "", {}, std::chrono::milliseconds(120000));
 }
 
-int KelHost::KeldPid() const { return NumberFrom(stateDir_ + "/run/keld.pid"); }
-int KelHost::TgtdPid() const { return NumberFrom(stateDir_ + "/run/tgtd.pid"); }
+int KelHost::KeldPid() const {
+  return kel::testing::NumberInFile(config_.stateDir + "/run/keld.pid");
+}
+int KelHost::TgtdPid() const {
+  return kel::testing::NumberInFile(config_.stateDir + "/run/tgtd.pid");
+}
 
 CommandResult Initiator::Tool(const std::vector<std::string>& args) const {
   std::vector<std::string> argv = {"timeout", "-k", "5", "60"};

@@ -4,27 +4,38 @@
 #pragma once
 
 #include <iscsi/iscsi.h>
-#include <unistd.h>
 
 #include <cstdint>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
+#include "platform/host_config.h"
 #include "tests/support/test_support.h"
 
 namespace kel {
 namespace e2e {
 
 using kel::testing::CommandResult;
+using kel::testing::Eventually;
+using kel::testing::ProcessAlive;
+// How long a liveness wait may take (keld following a change, a daemon going away).
+constexpr std::chrono::seconds kLiveness{30};
 
-// A host configuration in a temporary directory: state directory and datastore of its own, the
-// embedded directory, exactly one interface "nuk0" with `address`, daemon.control = the built
-// keld, and a tgtd control index of its own. The destructor disables the service and then stops,
-// by their PIDs, a keld or tgtd that would still run.
+// A host configuration in a temporary directory: a state directory of its own, a datastore of
+// its own unless `datastore` is given, the embedded directory unless etcd's `endpoint` is given,
+// exactly one interface "nuk0" with `address`, daemon.control = the built keld, and a tgtd control
+// index of its own. The destructor disables the service and then stops, by their PIDs, a keld or
+// tgtd that would still run.
 class KelHost {
  public:
-  explicit KelHost(const std::string& address);
+  struct Spec {
+    std::string name = "e2e-host";
+    std::string datastore;
+    std::string endpoint;
+  };
+  explicit KelHost(const std::string& address) : KelHost(address, Spec()) {}
+  KelHost(const std::string& address, const Spec& spec);
   ~KelHost();
   KelHost(const KelHost&) = delete;
   KelHost& operator=(const KelHost&) = delete;
@@ -39,13 +50,12 @@ class KelHost {
   // made through it reach keld only by keld's own following of the cluster.
   std::string QuietConfig() const;
 
-  const std::string& address() const { return address_; }
+  const std::string& address() const { return config_.interfaces.at("nuk0").ipv4; }
   int port() const { return port_; }
-  std::string portal() const { return address_ + ":" + std::to_string(port_); }
-  const std::string& stateDir() const { return stateDir_; }
-  const std::string& datastore() const { return datastore_; }
-  const std::string& configPath() const { return config_; }
-  std::string hostUuid() const;
+  std::string portal() const { return address() + ":" + std::to_string(port_); }
+  const platform::HostConfig& config() const { return config_; }
+  const std::string& hostUuid() const { return config_.hostUuid; }
+  std::string keldLog() const;
 
   // PIDs from the pid files (-1 when absent).
   int KeldPid() const;
@@ -55,26 +65,10 @@ class KelHost {
   std::string WriteConfig(const std::string& name, const std::string& control) const;
 
   kel::testing::TempDir dir_;
-  std::string address_;
+  platform::HostConfig config_;
   int port_ = 0;
-  int controlIndex_ = 0;
-  std::string stateDir_;
-  std::string datastore_;
-  std::string config_;
+  std::string configPath_;
 };
-
-// Whether a process with this PID runs (zombies do not).
-bool ProcessAlive(int pid);
-
-// Waits (bounded) until `done()` holds: a liveness wait, not a speed check.
-template <typename F>
-bool Eventually(F done, int seconds = 20) {
-  for (int i = 0; i < seconds * 10; ++i) {
-    if (done()) return true;
-    usleep(100 * 1000);
-  }
-  return done();
-}
 
 // libiscsi's tools, each bounded to 60 s.
 class Initiator {

@@ -117,6 +117,19 @@ TEST_F(KelctlE2E, DiscoveryCapacityGrowthAndOfflineThingsDisappear) {
     EXPECT_EQ(s.NaaHex(), lun0.value("naa", "?"));
   }
 
+  // keld reports kel's number next to the SCSI one, with the size it serves.
+  CommandResult status = host_->Keld({"status", "--json"});
+  ASSERT_EQ(status.exit_code, 0) << status.err;
+  json served = json::parse(status.out);
+  EXPECT_EQ(served["portals"][0]["interface"], "nuk0");
+  for (const json& target : served["targets"]) {
+    if (target["iqn"] != iqn) continue;
+    ASSERT_EQ(target["luns"].size(), 2u);
+    EXPECT_EQ(target["luns"][1]["kelLun"], 3);
+    EXPECT_EQ(target["luns"][1]["scsiLun"], 4);
+    EXPECT_EQ(target["luns"][1]["sizeBytes"], 16 * kMiB);
+  }
+
   Ok({"lun", "update", "--target", "cap", "--id", "0", "--size", "96MiB"});
   EXPECT_EQ(I().Bytes(I().Url(iqn, 1), kInitiator), 96 * kMiB);
 
@@ -135,9 +148,9 @@ TEST_F(KelctlE2E, DiscoveryCapacityGrowthAndOfflineThingsDisappear) {
 
   Ok({"target", "remove", "--alias", "cap"});
   EXPECT_FALSE(I().Lists(iqn, kInitiator));
-  CommandResult status = host_->Keld({"status", "--json"});
+  status = host_->Keld({"status", "--json"});
   ASSERT_EQ(status.exit_code, 0) << status.err;
-  const json served = json::parse(status.out);
+  served = json::parse(status.out);
   for (const json& target : served["targets"]) EXPECT_NE(target["iqn"], iqn);
 }
 
@@ -151,6 +164,11 @@ TEST_F(KelctlE2E, ChapMutualChapAndInitiatorNamesDecideWhoLogsIn) {
   EXPECT_EQ(I().Bytes(I().Url(chap, 1, "e2euser%E2e-Wrong!123"), kInitiator, &why), -1);
   EXPECT_NE(why.find("Authentication failure"), std::string::npos) << why;
   EXPECT_EQ(I().Bytes(I().Url(chap, 1), kInitiator), -1);
+  // A new secret replaces the old one at once.
+  Ok({"target", "update", "--alias", "chap", "--auth-type", "CHAP", "--chap-user", "e2euser",
+      "--chap-secret", "E2e-Secret!34"});
+  EXPECT_EQ(I().Bytes(I().Url(chap, 1, "e2euser%E2e-Secret!34"), kInitiator), 8 * kMiB);
+  EXPECT_EQ(I().Bytes(I().Url(chap, 1, "e2euser%E2e-Secret!12"), kInitiator), -1);
 
   const std::string mutual =
       AddTarget("mutual", {"--auth-type", "CHAP-Mutual", "--chap-user", "e2emuser", "--chap-secret",
@@ -198,12 +216,12 @@ TEST_F(KelctlE2E, ChangesWithoutALocalReloadAndOwnershipTransfersAreServed) {
   const std::string iqn = t.value("iqn", "");
   ASSERT_EQ(host_->Kelctl({"lun", "add", "--target", "quiet", "--size", "4MiB"}, quiet).exit_code,
             0);
-  EXPECT_TRUE(Eventually([&] { return I().Bytes(I().Url(iqn, 1), kInitiator) == 4 * kMiB; }));
+  EXPECT_TRUE(
+      Eventually([&] { return I().Bytes(I().Url(iqn, 1), kInitiator) == 4 * kMiB; }, kLiveness));
 
   // The target's object now belongs to another host: this one stops serving it, and serves it
   // again once it is given back.
-  platform::HostConfig config = platform::LoadHostConfigFile(host_->configPath());
-  platform::SetCurrentHostConfig(config);
+  platform::SetCurrentHostConfig(host_->config());
   platform::SetDirectoryForTest(nullptr);
   auto move_to = [&](const std::string& host) {
     auto dir = platform::GetDirectory();
@@ -212,9 +230,9 @@ TEST_F(KelctlE2E, ChangesWithoutALocalReloadAndOwnershipTransfersAreServed) {
     ASSERT_EQ(dir->CompareAndSwapObjectOwner(t.value("uuid", ""), owner.revision, host), NUK_OK);
   };
   move_to("99999999-0000-4000-8000-000000000009");
-  EXPECT_TRUE(Eventually([&] { return !I().Lists(iqn, kInitiator); }));
+  EXPECT_TRUE(Eventually([&] { return !I().Lists(iqn, kInitiator); }, kLiveness));
   move_to(host_->hostUuid());
-  EXPECT_TRUE(Eventually([&] { return I().Lists(iqn, kInitiator); }));
+  EXPECT_TRUE(Eventually([&] { return I().Lists(iqn, kInitiator); }, kLiveness));
   platform::CloseDirectory();
 }
 
@@ -280,6 +298,9 @@ TEST_F(KelctlE2E, DataReadsBackAfterKeldRestartRestoreAndServiceDisableEnable) {
     ASSERT_TRUE(s.connected()) << s.error();
     ASSERT_TRUE(s.Write(300, pattern)) << s.error();
   }
+  const std::string disk = lun.value("path", "");
+  EXPECT_EQ(kel::testing::ReadFile(disk).substr(300 * 512, pattern.size()),
+            std::string(pattern.begin(), pattern.end()));
   auto reads_back = [&] {
     Session s(I().Url(iqn, 1), kInitiator);
     return s.connected() && s.Read(300, 8192) == pattern;
@@ -300,7 +321,6 @@ TEST_F(KelctlE2E, DataReadsBackAfterKeldRestartRestoreAndServiceDisableEnable) {
   // Disabling withdraws everything and stops both daemons; the disk stays as it was.
   keld = host_->KeldPid();
   const int tgtd = host_->TgtdPid();
-  const std::string disk = lun.value("path", "");
   const std::string digest = kel::testing::Sha256OfFile(disk);
   Ok({"service", "disable"});
   EXPECT_FALSE(ProcessAlive(keld));

@@ -6,9 +6,11 @@
 #include <condition_variable>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "directory/config_entry.h"
+#include "host/keld_json_source.h"
 #include "platform/exception.h"
 #include "platform/log.h"
 #include "tests/keld/keld_test_helpers.h"
@@ -78,67 +80,42 @@ class KelConfSourceTest : public ::testing::Test {
   KelConfStateSource source_;
 };
 
+// In file order; LUNs in slot order; only the first listen of a portal group; the default portal
+// group for a target without one; a reference to an empty initiator group admits nobody.
 TEST_F(KelConfSourceTest, EveryTargetKeepsItsAuthenticationPortalAndLuns) {
   env_.WriteConf(FullConf());
-  DesiredState s = source_.Load();
+  const DesiredState s = source_.Load();
   EXPECT_EQ(source_.Generation(), 7u);
-  ASSERT_EQ(s.targets.size(), 4u);
-  EXPECT_EQ(s.targets[0].iqn, "iqn.2024-01.com.example:a");  // file order
-
-  const DesiredTarget* a = Find(s, "a");
-  EXPECT_EQ(a->alias, "A");
-  EXPECT_EQ(a->uuid, kUuidA);
-  EXPECT_FALSE(a->offline);
-  ASSERT_EQ(a->portals.size(), 1u);  // only the first listen of the group
-  EXPECT_EQ(a->portals[0].interfaceName, "nuk1");
-  EXPECT_EQ(a->portals[0].address, "");
-  EXPECT_EQ(a->portals[0].port, 3261);
-  EXPECT_EQ(a->portals[0].ownerHostUuid, env_.selfUuid());
-  EXPECT_EQ(a->auth, AuthRule::kChap);
-  ASSERT_EQ(a->chap.size(), 1u);
-  EXPECT_EQ(a->chap[0].user, "user1");
-  EXPECT_EQ(a->chap[0].secret, "secretsecret12");
-  EXPECT_TRUE(a->chap[0].mutualUser.empty());
-  EXPECT_TRUE(a->initiatorsRestricted);
-  EXPECT_EQ(a->initiators,
-            (std::vector<std::string>{"iqn.1994-05.com.example:n1", "iqn.1994-05.com.example:g1a",
-                                      "iqn.1994-05.com.example:g1b"}));
-  ASSERT_EQ(a->luns.size(), 2u);  // in slot order, whatever the file's order
-  EXPECT_EQ(a->luns[0].id, 0);
-  EXPECT_EQ(a->luns[0].path, env_.datastore() + "/" + kUuidA + "/d0.pemo");
-  EXPECT_EQ(a->luns[0].alias, "first disk");
-  EXPECT_EQ(a->luns[0].naa, "6001405ABCDEF0123456789ABCDEF012");
-  EXPECT_FALSE(a->luns[0].offline);
-  EXPECT_EQ(a->luns[1].id, 7);
-  EXPECT_TRUE(a->luns[1].offline);
-
-  const DesiredTarget* b = Find(s, "b");
-  EXPECT_TRUE(b->offline);
-  EXPECT_EQ(b->auth, AuthRule::kChapMutual);
-  ASSERT_EQ(b->chap.size(), 1u);
-  EXPECT_EQ(b->chap[0].secret, "chapchapchap56");
-  EXPECT_EQ(b->chap[0].mutualUser, "muser");
-  EXPECT_EQ(b->chap[0].mutualSecret, "mutualmutual34");
-  EXPECT_FALSE(b->initiatorsRestricted);
-  ASSERT_EQ(b->portals.size(), 1u);
-  EXPECT_EQ(b->portals[0].interfaceName, "nuk0");
-
-  const DesiredTarget* c = Find(s, "c");
-  EXPECT_EQ(c->auth, AuthRule::kDeny);
-  ASSERT_EQ(c->portals.size(), 1u);
-  EXPECT_EQ(c->portals[0].address, "::1");  // already an address: nothing to resolve
-  EXPECT_EQ(c->portals[0].interfaceName, "");
-  EXPECT_EQ(c->portals[0].port, 3262);
-
-  // No portal group of its own: the default one. A reference to an empty group admits nobody.
-  const DesiredTarget* d = Find(s, "d");
-  EXPECT_EQ(d->auth, AuthRule::kNone);
-  EXPECT_TRUE(d->initiatorsRestricted);
-  EXPECT_TRUE(d->initiators.empty());
-  ASSERT_EQ(d->portals.size(), 1u);
-  EXPECT_EQ(d->portals[0].interfaceName, "nuk0");
-  EXPECT_EQ(d->portals[0].port, 3260);
-  EXPECT_TRUE(d->uuid.empty());
+  std::string expected = R"({"targets": [
+    {"iqn": "iqn.2024-01.com.example:a", "alias": "A", "uuid": "$A", "authType": "chap",
+     "portals": [{"interface": "nuk1", "port": 3261, "owner": "$SELF"}],
+     "chap": [{"user": "user1", "secret": "secretsecret12"}],
+     "initiators": ["iqn.1994-05.com.example:n1", "iqn.1994-05.com.example:g1a",
+                    "iqn.1994-05.com.example:g1b"],
+     "luns": [{"id": 0, "path": "$DS/$A/d0.pemo", "alias": "first disk",
+               "naa": "6001405ABCDEF0123456789ABCDEF012"},
+              {"id": 7, "path": "$DS/$A/d7.pemo", "status": "offline"}]},
+    {"iqn": "iqn.2024-01.com.example:b", "alias": "B", "uuid": "$B", "status": "offline",
+     "authType": "chap-mutual", "portals": [{"interface": "nuk0", "port": 3260, "owner": "$SELF"}],
+     "chap": [{"user": "user2", "secret": "chapchapchap56", "mutualUser": "muser",
+               "mutualSecret": "mutualmutual34"}], "luns": []},
+    {"iqn": "iqn.2024-01.com.example:c", "uuid": "$C", "authType": "deny",
+     "portals": [{"address": "::1", "port": 3262, "owner": "$SELF"}], "luns": []},
+    {"iqn": "iqn.2024-01.com.example:d", "authType": "none",
+     "portals": [{"interface": "nuk0", "port": 3260, "owner": "$SELF"}],
+     "initiatorGroups": ["no-initiators"], "luns": []}],
+    "initiatorGroups": {"no-initiators": []}})";
+  for (const auto& [name, value] :
+       std::vector<std::pair<std::string, std::string>>{{"$SELF", env_.selfUuid()},
+                                                        {"$DS", env_.datastore()},
+                                                        {"$A", kUuidA},
+                                                        {"$B", kUuidB},
+                                                        {"$C", kUuidC}}) {
+    for (size_t at; (at = expected.find(name)) != std::string::npos;) {
+      expected.replace(at, name.size(), value);
+    }
+  }
+  EXPECT_EQ(DesiredStateToJson(s), nlohmann::json::parse(expected));
 }
 
 TEST_F(KelConfSourceTest, OnlyTargetsThisHostOwnsAndOwnershipIsAskedEachTime) {

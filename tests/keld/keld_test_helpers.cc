@@ -6,14 +6,13 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <fstream>
-#include <sstream>
 #include <stdexcept>
 #include <thread>
 
 #include "host/keld_json_source.h"
 #include "platform/clog.h"
 #include "platform/directory.h"
+#include "tests/support/test_host.h"
 
 namespace kel {
 namespace keld {
@@ -60,45 +59,22 @@ ExclusiveDiskLock::~ExclusiveDiskLock() {
   if (fd_ >= 0) close(fd_);
 }
 
-namespace {
-
-int FirstNumber(const std::string& path, int which) {
-  std::ifstream in(path);
-  int value = -1;
-  for (int i = 0; i <= which; ++i) {
-    if (!(in >> value)) return -1;
-  }
-  return value;
-}
-
-}  // namespace
-
-bool ProcessAlive(int pid) {
-  if (pid <= 0) return false;
-  std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
-  std::string line;
-  if (!std::getline(stat, line)) return false;
-  size_t paren = line.rfind(')');
-  return paren != std::string::npos && paren + 2 < line.size() && line[paren + 2] != 'Z';
-}
-
 KeldHost::KeldHost(const std::string& address, int tgtd_control_index) : address_(address) {
-  state_dir_ = dir_.Join("state");
-  std::ostringstream host;
-  host << "{\"stateDir\": \"" << state_dir_ << "\", \"datastore\": {\"path\": \""
-       << dir_.Join("datastore") << "\"}, \"network\": {\"interfaces\": {\"nuk0\": {\"ipv4\": \""
-       << address
-       << "\", \"ipv6\": \"\"}}}, \"daemon\": {\"tgtdControlPort\": " << tgtd_control_index << "}}";
-  kel::testing::WriteFile(dir_.Join("host.json"), host.str());
+  platform::HostConfig config = kel::testing::MakeTestHostConfig(dir_.path(), "keld-host");
+  config.networkOverride = true;
+  config.interfaces["nuk0"] = {address, ""};
+  config.tgtdControlPort = tgtd_control_index;
+  state_dir_ = config.stateDir;
+  kel::testing::WriteHostConfigFile(dir_.Join("host.json"), config);
   Write(DesiredState{});
 }
 
 KeldHost::~KeldHost() {
   Keld({"io_stop"});
   for (int pid : {KeldPid(), TgtdPid()}) {
-    if (!ProcessAlive(pid)) continue;
+    if (!kel::testing::ProcessAlive(pid)) continue;
     kill(pid, SIGKILL);
-    for (int i = 0; i < 100 && ProcessAlive(pid); ++i) {
+    for (int i = 0; i < 100 && kel::testing::ProcessAlive(pid); ++i) {
       std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
   }
@@ -120,11 +96,7 @@ kel::testing::CommandResult KeldHost::Keld(const std::vector<std::string>& args)
 }
 
 ConfHostEnv::ConfHostEnv(const Nics& nics) {
-  config_ = platform::EmbeddedHostConfig();
-  config_.hostUuid = platform::DirUuidToText(platform::RandomDirUuid());
-  config_.hostName = "keld-test";
-  config_.stateDir = dir_.Join("state");
-  config_.datastorePath = dir_.Join("datastore");
+  config_ = kel::testing::MakeTestHostConfig(dir_.path(), "keld-test");
   config_.networkOverride = true;
   config_.interfaces = nics;
   const std::string ns = platform::DirUuidToText(platform::RandomDirUuid());
@@ -164,9 +136,11 @@ void ConfHostEnv::SetOwner(const std::string& objectUuid, const std::string& hos
   }
 }
 
-int KeldHost::KeldPid() const { return FirstNumber(state_dir_ + "/run/keld.pid", 0); }
-int KeldHost::TgtdPid() const { return FirstNumber(state_dir_ + "/run/tgtd.pid", 0); }
-int KeldHost::TgtdControlIndex() const { return FirstNumber(state_dir_ + "/run/tgtd.pid", 1); }
+int KeldHost::KeldPid() const { return kel::testing::NumberInFile(state_dir_ + "/run/keld.pid"); }
+int KeldHost::TgtdPid() const { return kel::testing::NumberInFile(state_dir_ + "/run/tgtd.pid"); }
+int KeldHost::TgtdControlIndex() const {
+  return kel::testing::NumberInFile(state_dir_ + "/run/tgtd.pid", 1);
+}
 
 }  // namespace testing
 }  // namespace keld

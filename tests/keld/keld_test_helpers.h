@@ -63,9 +63,6 @@ class KeldHost {
   std::string state_dir_;
 };
 
-// Whether a process with this PID exists (and is not a zombie).
-bool ProcessAlive(int pid);
-
 // This process as a host with kel.conf, for the kel.conf source and the directory resolver: a
 // host configuration in a temporary directory (embedded directory, exactly the interfaces given),
 // a datastore with the configuration namespace (".iSCSI-CONFIG" -> <uuid>/etc), and the process's

@@ -7,6 +7,7 @@
 #include <fstream>
 #include <nlohmann/json.hpp>
 #include <thread>
+#include <utility>
 
 #include "platform/directory.h"
 #include "platform/etcd_client.h"
@@ -59,31 +60,22 @@ bool EtcdServer::Start(std::string* error) {
   if (proc_ && proc_->Running()) return true;
   std::string client = Endpoint();
   std::string peer = "http://127.0.0.1:" + std::to_string(peerPort_);
-  std::vector<std::string> argv = {"etcd",
-                                   "--name",
-                                   "kel-test",
-                                   "--data-dir",
-                                   dir_.Join("data"),
-                                   "--listen-client-urls",
-                                   client,
-                                   "--advertise-client-urls",
-                                   client,
-                                   "--listen-peer-urls",
-                                   peer,
-                                   "--initial-advertise-peer-urls",
-                                   peer,
-                                   "--initial-cluster",
-                                   "kel-test=" + peer,
-                                   "--initial-cluster-state",
-                                   "new",
-                                   "--snapshot-count",
-                                   "1000",
-                                   "--heartbeat-interval",
-                                   "10",
-                                   "--election-timeout",
-                                   "100",
-                                   "--log-level",
-                                   "warn"};
+  std::vector<std::string> argv = {"etcd"};
+  for (const auto& [flag, value] :
+       std::vector<std::pair<std::string, std::string>>{{"--name", "kel-test"},
+                                                        {"--data-dir", dir_.Join("data")},
+                                                        {"--listen-client-urls", client},
+                                                        {"--advertise-client-urls", client},
+                                                        {"--listen-peer-urls", peer},
+                                                        {"--initial-advertise-peer-urls", peer},
+                                                        {"--initial-cluster", "kel-test=" + peer},
+                                                        {"--initial-cluster-state", "new"},
+                                                        {"--snapshot-count", "1000"},
+                                                        {"--heartbeat-interval", "10"},
+                                                        {"--election-timeout", "100"},
+                                                        {"--log-level", "warn"}}) {
+    argv.insert(argv.end(), {flag, value});
+  }
   proc_ = std::make_unique<ChildProcess>();
   if (!proc_->Start(argv, dir_.Join("etcd.log"))) {
     if (error != nullptr) *error = "cannot start etcd";

@@ -33,7 +33,6 @@ class EtcdServer {
   bool Running();
 
   std::string Endpoint() const;  // http://127.0.0.1:<client port>
-  int ClientPort() const { return clientPort_; }
 
   // Store revision now; compacts the history up to `revision` (physical compaction).
   int64_t CurrentRevision();

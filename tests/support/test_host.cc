@@ -225,7 +225,7 @@ void WriteHostConfigFile(const std::string& path, const platform::HostConfig& c)
     }
     doc["network"] = {{"interfaces", nics}};
   }
-  if (!c.daemonControl.empty()) {
+  if (!c.daemonControl.empty() || c.tgtdControlPort != 0) {
     doc["daemon"] = {{"control", c.daemonControl}, {"tgtdControlPort", c.tgtdControlPort}};
   }
   doc["firewall"] = {{"backend", c.firewallBackend}};

@@ -176,6 +176,24 @@ bool Eventually(const std::function<bool()>& done, std::chrono::milliseconds tim
   return true;
 }
 
+bool ProcessAlive(int pid) {
+  if (pid <= 0) return false;
+  std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+  std::string line;
+  if (!std::getline(stat, line)) return false;
+  const size_t paren = line.rfind(')');
+  return paren != std::string::npos && paren + 2 < line.size() && line[paren + 2] != 'Z';
+}
+
+int NumberInFile(const std::string& path, int index) {
+  std::ifstream in(path);
+  int value = -1;
+  for (int i = 0; i <= index; ++i) {
+    if (!(in >> value)) return -1;
+  }
+  return value;
+}
+
 int FreeLoopbackPort(const std::string& address) {
   int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   if (fd < 0) return -1;
@@ -206,11 +224,6 @@ bool WaitForPort(const std::string& address, int port, std::chrono::milliseconds
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
   }
   return false;
-}
-
-std::string SourceDir() {
-  const char* s = getenv("KEL_SOURCE_DIR");
-  return s != nullptr ? s : ".";
 }
 
 std::string BinaryDir() {
@@ -359,31 +372,26 @@ CommandResult RunCommand(const std::vector<std::string>& argv, const std::string
     in_pipe[1] = -1;
   }
   auto deadline = std::chrono::steady_clock::now() + timeout;
-  bool out_open = true, err_open = true;
-  while (out_open || err_open) {
-    pollfd fds[3];
-    int n = 0;
-    int out_idx = -1, err_idx = -1, in_idx = -1;
-    if (out_open) { fds[n] = {out_pipe[0], POLLIN, 0}; out_idx = n++; }
-    if (err_open) { fds[n] = {err_pipe[0], POLLIN, 0}; err_idx = n++; }
-    if (in_pipe[1] >= 0) { fds[n] = {in_pipe[1], POLLOUT, 0}; in_idx = n++; }
+  // poll() skips negative descriptors: a closed pipe is -1 in its slot.
+  int reading[2] = {out_pipe[0], err_pipe[0]};
+  std::string* into[2] = {&result.out, &result.err};
+  while (reading[0] >= 0 || reading[1] >= 0) {
+    pollfd fds[3] = {{reading[0], POLLIN, 0}, {reading[1], POLLIN, 0}, {in_pipe[1], POLLOUT, 0}};
     auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
         deadline - std::chrono::steady_clock::now());
     if (left.count() <= 0) {
       kill(pid, SIGKILL);
       break;
     }
-    if (poll(fds, n, static_cast<int>(left.count())) < 0 && errno != EINTR) break;
-    char buf[4096];
-    if (out_idx >= 0 && fds[out_idx].revents) {
-      ssize_t r = read(out_pipe[0], buf, sizeof(buf));
-      if (r <= 0) out_open = false; else result.out.append(buf, r);
+    if (poll(fds, 3, static_cast<int>(left.count())) < 0 && errno != EINTR) break;
+    for (int i = 0; i < 2; ++i) {
+      if (fds[i].revents == 0) continue;
+      char buf[4096];
+      const ssize_t r = read(reading[i], buf, sizeof(buf));
+      if (r > 0) into[i]->append(buf, static_cast<size_t>(r));
+      if (r <= 0) reading[i] = -1;
     }
-    if (err_idx >= 0 && fds[err_idx].revents) {
-      ssize_t r = read(err_pipe[0], buf, sizeof(buf));
-      if (r <= 0) err_open = false; else result.err.append(buf, r);
-    }
-    if (in_idx >= 0 && fds[in_idx].revents) {
+    if (fds[2].revents != 0) {
       ssize_t w = write(in_pipe[1], stdin_text.data() + written, stdin_text.size() - written);
       if (w > 0) written += static_cast<size_t>(w);
       if (w <= 0 || written == stdin_text.size()) {

@@ -28,12 +28,12 @@ class TempDir {
   std::string path_;
 };
 
-std::string ReadFile(const std::string& path);                 // throws std::runtime_error
+std::string ReadFile(const std::string& path);  // throws std::runtime_error
 void WriteFile(const std::string& path, const std::string& text, int mode = 0600);
 bool PathExists(const std::string& path);
-std::string Sha256OfFile(const std::string& path);             // hex; "" when unreadable
-uint64_t FileSize(const std::string& path);                    // 0 when missing
-uint64_t AllocatedBytes(const std::string& path);              // blocks on disk, in bytes
+std::string Sha256OfFile(const std::string& path);                      // hex; "" when unreadable
+uint64_t FileSize(const std::string& path);                             // 0 when missing
+uint64_t AllocatedBytes(const std::string& path);                       // blocks on disk, in bytes
 std::string XattrOf(const std::string& path, const std::string& name);  // "" when unset
 // Digest of every regular file, link and directory below `dir` (names, modes, contents).
 std::string TreeDigest(const std::string& dir);
@@ -42,13 +42,17 @@ std::string TreeDigest(const std::string& dir);
 bool Eventually(const std::function<bool()>& done,
                 std::chrono::milliseconds timeout = std::chrono::seconds(10));
 
+// Whether a process with this PID exists and is not a zombie.
+bool ProcessAlive(int pid);
+// The `index`-th whitespace-separated number in the file at `path` (-1 when absent): PID files.
+int NumberInFile(const std::string& path, int index = 0);
+
 // A TCP port that was free on `address` a moment ago.
 int FreeLoopbackPort(const std::string& address = "127.0.0.1");
 // Waits until something accepts TCP connections on address:port.
 bool WaitForPort(const std::string& address, int port, std::chrono::milliseconds timeout);
 
-// The directory of the source tree and of the build tree (from the environment ctest sets).
-std::string SourceDir();
+// The directory of the build tree (from the environment ctest sets).
 std::string BinaryDir();
 
 // A child process started with fork/exec. Its stdout and stderr go to `log_path` when given.
