@@ -396,7 +396,7 @@ TEST_F(ConfigCacheTest, ReloadKeepsTheDirtyFlagAndAFailedReloadLeavesNoCopy) {
   EXPECT_EQ(ConfigCache::GetCachedConfGenNumber(), UINT64_MAX);
 }
 
-TEST_F(ConfigCacheTest, RefreshRuleKeepsItsAllOnesQuirk) {
+TEST_F(ConfigCacheTest, RefreshRuleKeepsItsAllOnesQuirkAndAFailedSubscriptionLeavesNone) {
   uint64_t lastSeen = 0;
   EXPECT_TRUE(Util::IsRefreshConfNeeded(lastSeen)) << "no cache reads as all ones";
   EXPECT_EQ(lastSeen, UINT64_MAX);
@@ -406,9 +406,8 @@ TEST_F(ConfigCacheTest, RefreshRuleKeepsItsAllOnesQuirk) {
   EXPECT_TRUE(Util::IsRefreshConfNeeded(lastSeen));
   EXPECT_EQ(lastSeen, 1u);
   EXPECT_FALSE(Util::IsRefreshConfNeeded(lastSeen));
-}
 
-TEST_F(ConfigCacheTest, AFailedSubscriptionLeavesTheProcessUnsubscribed) {
+  // A subscription that cannot be made leaves the process unsubscribed.
   unlink(env_.DatastoreJoin(".iSCSI-CONFIG").c_str());
   const std::string message = kel::testing::ErrorOf([] { ConfigCache::SubscribeLodex(); });
   EXPECT_EQ(message.rfind("Failed to subscribe LODEX KEL config entry: ", 0), 0u) << message;

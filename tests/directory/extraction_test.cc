@@ -310,14 +310,14 @@ void UseDatastore(const std::string& path) {
   kel::platform::SetCurrentHostConfig(config);
 }
 
-TEST(LunPaths, AbsolutePathFitsExactlyOrIsRefused) {
+TEST(LunPaths, AbsoluteAndSiblingPathsFitExactlyOrAreRefused) {
   UseDatastore("/vol/ds1");
   struct lun l;
   std::memset(&l, 0, sizeof(l));
   char rel[] = "0f8e7d6c-5b4a-4392-8170-6f5e4d3c2b1a/11112222-3333-4444-5555-666677778888.pemo";
   l.l_path = rel;
   const std::string expected = std::string("/vol/ds1/") + rel;
-  char out[200];
+  char out[300];
   std::memset(out, 'Z', sizeof(out));
   ASSERT_EQ(GetLunAbsPath(&l, static_cast<int>(expected.size() + 1), out), NUK_OK);
   EXPECT_EQ(std::string(out), expected);
@@ -338,10 +338,8 @@ TEST(LunPaths, AbsolutePathFitsExactlyOrIsRefused) {
   EXPECT_TRUE(capture.Contains(std::string("KELD: Failed to get orsa datastore Path: ") +
                                NUK_ReturnStatusToString(NUK_BAD_PARAM)))
       << capture.Joined();
-}
 
-TEST(LunPaths, SiblingFilesFollowTheirOwnRules) {
-  char out[300];
+  // Sibling files follow their own rules.
   ASSERT_EQ(GetLunPRFilePath("/a/b/c.pemo", sizeof(out), out), NUK_OK);
   EXPECT_STREQ(out, "/a/b/.c.pemo.pr");
   ASSERT_EQ(GetPemoLockFilePath("/a/b/c.pemo", sizeof(out), out), NUK_OK);

@@ -47,6 +47,12 @@ TEST(Datastore, IdentityIsCreatedOnceAndKept) {
   SetDatastoreDefaultPolicy("((\"proportionalCapacity\" i10))");
   EXPECT_EQ("((\"proportionalCapacity\" i10))", DatastoreDefaultPolicy());
   EXPECT_EQ(first, DatastoreUuid());
+
+  // The mount path fits the caller's buffer with its NUL, or is refused.
+  char buf[4096];
+  ASSERT_EQ(NUK_OK, GetOrsaDatastoreUUIDPath(sizeof(buf), buf));
+  EXPECT_EQ(ds.datastore(), buf);
+  EXPECT_EQ(NUK_BAD_PARAM, GetOrsaDatastoreUUIDPath(static_cast<int>(ds.datastore().size()), buf));
 }
 
 TEST(Datastore, RacingFirstUsersAgreeOnOneIdentity) {
@@ -91,14 +97,6 @@ TEST(Datastore, UnusableDatastoreOrMetadataIsReportedByPath) {
   SetCurrentHostConfig(config);
   EXPECT_EQ(DatastoreUuid(), DatastoreUuid());
   EXPECT_TRUE(PathExists(ds.DatastoreJoin("state/datastore/") + kDatastoreMetaFile));
-}
-
-TEST(Datastore, MountPathFitsOrIsRefused) {
-  kel::testing::TestHost ds;
-  char buf[4096];
-  ASSERT_EQ(NUK_OK, GetOrsaDatastoreUUIDPath(sizeof(buf), buf));
-  EXPECT_EQ(ds.datastore(), buf);
-  EXPECT_EQ(NUK_BAD_PARAM, GetOrsaDatastoreUUIDPath(static_cast<int>(ds.datastore().size()), buf));
 }
 
 TEST(ObjectAttr, KeepsIdentityInXattrOrSidecar) {

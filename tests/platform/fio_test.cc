@@ -37,7 +37,7 @@ void WriteFd(int fd, const std::string& text) {
   ASSERT_EQ(write(fd, text.data(), text.size()), static_cast<ssize_t>(text.size()));
 }
 
-TEST(Fio, SharedLocksCoexistAndExcludeWriters) {
+TEST(Fio, SharedLocksCoexistAndExcludeWritersAndBadArgumentsAreRefused) {
   TempDir dir;
   std::string path = dir.Join("kel.conf");
   WriteFile(path, "generation 1\n");
@@ -68,6 +68,13 @@ TEST(Fio, SharedLocksCoexistAndExcludeWriters) {
   EXPECT_EQ(Fio_Open(dir.Join("missing").c_str(), FIO_OPEN_READ_SHARED, &a), NUK_NOT_FOUND);
   EXPECT_EQ(Fio_LastErrno(), ENOENT);
   EXPECT_STREQ(Fio_LastErrorText(), "No such file or directory");
+
+  FioHandle t;
+  EXPECT_EQ(Fio_Open(nullptr, FIO_OPEN_READ_SHARED, &a), NUK_BAD_PARAM);
+  EXPECT_EQ(Fio_Open("", FIO_OPEN_READ_SHARED, &a), NUK_BAD_PARAM);
+  EXPECT_EQ(Fio_AtomicTempFile(&a, &t), NUK_BAD_PARAM);
+  EXPECT_EQ(Fio_AtomicUpdate(&a, &t), NUK_BAD_PARAM);
+  EXPECT_EQ(Fio_Sync(&a), NUK_BAD_PARAM);
 }
 
 TEST(Fio, AtomicUpdateKeepsTheLockAndMakesTheFilePrivate) {
@@ -177,15 +184,6 @@ TEST(Fio, ReaderRacingASwapEndsUpWithTheNewContents) {
     reader.join();
     ASSERT_EQ(seen, std::to_string(i) + "\n") << "round " << i;
   }
-}
-
-TEST(Fio, BadArgumentsAreRefused) {
-  FioHandle h, t;
-  EXPECT_EQ(Fio_Open(nullptr, FIO_OPEN_READ_SHARED, &h), NUK_BAD_PARAM);
-  EXPECT_EQ(Fio_Open("", FIO_OPEN_READ_SHARED, &h), NUK_BAD_PARAM);
-  EXPECT_EQ(Fio_AtomicTempFile(&h, &t), NUK_BAD_PARAM);
-  EXPECT_EQ(Fio_AtomicUpdate(&h, &t), NUK_BAD_PARAM);
-  EXPECT_EQ(Fio_Sync(&h), NUK_BAD_PARAM);
 }
 
 }  // namespace

@@ -26,7 +26,7 @@ using kel::testing::WriteFile;
 
 namespace {
 
-TEST(HostConfig, FileOverridesTheEmbeddedDefault) {
+TEST(HostConfig, FileOverridesTheEmbeddedDefaultAndAnExplicitPathTheEnvironment) {
   TempDir dir;
   std::string file = dir.Join("host.json");
   WriteFile(file, R"({
@@ -57,6 +57,14 @@ TEST(HostConfig, FileOverridesTheEmbeddedDefault) {
   ASSERT_EQ(c.hostUuid.size(), 36u);
   EXPECT_EQ(LoadHostConfig(file).hostUuid, c.hostUuid);
   EXPECT_EQ(kel::testing::ReadFile(dir.Join("state/host-uuid")), c.hostUuid + "\n");
+
+  // An explicit path wins over the environment, which wins over the default.
+  WriteFile(dir.Join("b.json"),
+            R"({"host": {"name": "from-env"}, "stateDir": ")" + dir.Join("s") + "\"}");
+  setenv("KEL_CONFIG", dir.Join("b.json").c_str(), 1);
+  EXPECT_EQ(LoadHostConfig(file).hostName, "h1");
+  EXPECT_EQ(LoadHostConfig("").hostName, "from-env");
+  unsetenv("KEL_CONFIG");
 }
 
 TEST(HostConfig, RefusesUnknownKeysAndWrongTypesNamingTheKey) {
@@ -75,18 +83,6 @@ TEST(HostConfig, RefusesUnknownKeysAndWrongTypesNamingTheKey) {
     const std::string message = kel::testing::ErrorOf([&] { LoadHostConfigFile(file); });
     EXPECT_NE(message.find(reason), std::string::npos) << text << " -> " << message;
   }
-}
-
-TEST(HostConfig, PrecedenceOfExplicitPathOverEnvironment) {
-  TempDir dir;
-  WriteFile(dir.Join("a.json"),
-            R"({"host": {"name": "from-flag"}, "stateDir": ")" + dir.Join("s") + "\"}");
-  WriteFile(dir.Join("b.json"),
-            R"({"host": {"name": "from-env"}, "stateDir": ")" + dir.Join("s") + "\"}");
-  setenv("KEL_CONFIG", dir.Join("b.json").c_str(), 1);
-  EXPECT_EQ(LoadHostConfig(dir.Join("a.json")).hostName, "from-flag");
-  EXPECT_EQ(LoadHostConfig("").hostName, "from-env");
-  unsetenv("KEL_CONFIG");
 }
 
 using kel::platform::LoadSettings;

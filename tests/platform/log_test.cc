@@ -49,7 +49,7 @@ TEST(CLog, LevelsFilterAndFormat) {
   EXPECT_EQ(capture.Records().back().text, "KELD: " + std::string(255, 'a'));
 }
 
-TEST(CLog, FatalPathsThrowTheServiceException) {
+TEST(Log, FatalPathsThrowTheServiceExceptionAndServiceLinesKeepTheirTag) {
   LogCapture capture;
   EXPECT_EQ(ErrorOf([] {
               errno = ENOMEM;
@@ -59,10 +59,9 @@ TEST(CLog, FatalPathsThrowTheServiceException) {
   EXPECT_EQ(ErrorOf([] { log_errx(1, "Incorrect initiator portal '%s'", "1.2.3"); }),
             "Incorrect initiator portal '1.2.3'");
   EXPECT_TRUE(capture.Contains("KELD: Incorrect initiator portal '1.2.3'"));
-}
 
-TEST(ServiceLog, TagAndTrailingNewline) {
-  LogCapture capture;
+  // The service log: no prefix, and the trailing newline of a format goes.
+  capture.Clear();
   LogWarning("%s: Failed to get %s\n", "Util", "thing");
   LogError("%s: plain", "Parser");
   auto records = capture.Records();

@@ -156,7 +156,7 @@ TEST(VirtDiskNoXattr, SidecarsTravelWithTheDisk) {
   EXPECT_STREQ(before, after);
 }
 
-TEST_F(VirtDiskTest, GrowOnlyGrows) {
+TEST_F(VirtDiskTest, GrowOnlyGrowsAndExtentsListWrittenRangesInOrder) {
   EXPECT_EQ(VIRTDISK_OK, VirtDisk_Grow(disk_.c_str(), 2048));
   EXPECT_EQ(VIRTDISK_OK, VirtDisk_Grow(disk_.c_str(), 4096));
   EXPECT_EQ(4096u * 512u, kel::testing::FileSize(disk_));
@@ -165,9 +165,8 @@ TEST_F(VirtDiskTest, GrowOnlyGrows) {
   EXPECT_EQ(VIRTDISK_E_BAD_PARAM, VirtDisk_Grow(disk_.c_str(), UINT64_MAX));
   EXPECT_EQ(ENOENT, VirtDisk_Grow(ds_.DatastoreJoin("missing").c_str(), 10));
   EXPECT_EQ(VIRTDISK_E_NOT_A_DISK, VirtDisk_Grow(ds_.datastore().c_str(), 10));
-}
 
-TEST_F(VirtDiskTest, ExtentsListWrittenRangesInOrder) {
+  // Extents list the written ranges in order.
   ASSERT_EQ(VIRTDISK_OK, VirtDisk_Grow(disk_.c_str(), 16384));  // 8 MiB
   int fd = open(disk_.c_str(), O_WRONLY | O_CLOEXEC);
   ASSERT_GE(fd, 0);
