@@ -84,7 +84,11 @@ void WriteAuthGroup(const struct auth_group* ag, Text& out) {
     const struct auth* auth;
     TAILQ_FOREACH(auth, &ag->ag_auths, a_next) {
       char secret[kEncodedSecretSize];
-      if (ag->ag_type == AG_TYPE_CHAP) {
+      // A group that took a "chap" line before a "chap-mutual" one is of the mutual type but holds
+      // an entry without mutual credentials: that entry is written back as the "chap" line it was.
+      const bool plain = ag->ag_type == AG_TYPE_CHAP ||
+                         (ag->ag_type == AG_TYPE_CHAP_MUTUAL && auth->a_mutual_secret == nullptr);
+      if (plain) {
         LogInfo("%s: found chap type auth %s", "ConfHandle", NameOrNull(ag->ag_name));
         Base64EncodeWrapper(reinterpret_cast<const unsigned char*>(auth->a_secret),
                             strlen(auth->a_secret), secret, sizeof(secret));

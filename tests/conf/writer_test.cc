@@ -316,10 +316,12 @@ class ModelGenerator {
     return s;
   }
 
+  // A "chap" line before a "chap-mutual" one leaves a mutual-type group holding an entry without
+  // mutual credentials, which the writer once dereferenced.
   void AddCredentials(struct auth_group* ag) {
-    if (Chance(50)) {
-      auth_new_chap(ag, Word("user").c_str(), Secret().c_str(), false);
-    } else {
+    const int kind = Pick(1, 3);
+    if (kind != 2) auth_new_chap(ag, Word("user").c_str(), Secret().c_str(), false);
+    if (kind != 1) {
       auth_new_chap_mutual(ag, Word("user").c_str(), Secret().c_str(), Word("m").c_str(),
                            Secret().c_str(), false);
     }
