@@ -22,11 +22,9 @@ namespace {
 namespace ConfigCache = NukCtl::Orsa::IscsiTarget::ConfigCache;
 using kel::platform::HostConfig;
 
-// A short-lived program (like kelctl) that keeps the configuration subscription: it subscribes its
-// cache, notifications of another host's publications arrive, and it unsubscribes and closes the
-// directory while more are on their way. Closing waits for a callback in flight and nothing brings
-// the directory back from one: after each close the program's own lease, and with it its member
-// record, is gone.
+// A short-lived program (like kelctl): closing waits for a callback in flight and nothing brings
+// the directory back from one, so after each close its own lease, and with it its member record, is
+// gone.
 TEST(ConfigEntryCluster, AProgramKeepingTheSubscriptionClosesCleanlyWhileNotificationsArrive) {
   kel::testing::EtcdServer etcd;
   std::string error;
