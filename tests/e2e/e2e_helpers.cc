@@ -16,9 +16,9 @@ namespace e2e {
 using kel::testing::RunCommand;
 using nlohmann::json;
 
-KelHost::KelHost(const std::string& address, const Spec& spec) {
-  config_ = kel::testing::MakeTestHostConfig(dir_.path(), spec.name, spec.endpoint, "/kel/e2e");
-  if (!spec.datastore.empty()) config_.datastorePath = spec.datastore;
+KelHost::KelHost(const std::string& address, const Setup& setup) {
+  config_ = kel::testing::MakeTestHostConfig(dir_.path(), setup.name, setup.endpoint, "/kel/e2e");
+  if (!setup.datastore.empty()) config_.datastorePath = setup.datastore;
   config_.networkOverride = true;
   config_.interfaces["nuk0"] = {address, ""};
   port_ = kel::testing::FreeLoopbackPort(address);

@@ -29,13 +29,13 @@ constexpr std::chrono::seconds kLiveness{30};
 // tgtd that would still run.
 class KelHost {
  public:
-  struct Spec {
+  struct Setup {
     std::string name = "e2e-host";
     std::string datastore;
     std::string endpoint;
   };
-  explicit KelHost(const std::string& address) : KelHost(address, Spec()) {}
-  KelHost(const std::string& address, const Spec& spec);
+  explicit KelHost(const std::string& address) : KelHost(address, Setup()) {}
+  KelHost(const std::string& address, const Setup& setup);
   ~KelHost();
   KelHost(const KelHost&) = delete;
   KelHost& operator=(const KelHost&) = delete;

@@ -24,8 +24,8 @@ const char kInitiator[] = "iqn.1994-05.com.example:cluster-initiator";
 // it stays a live member between kelctl runs.
 class ClusterHost : public KelHost {
  public:
-  ClusterHost(const std::string& address, const KelHost::Spec& spec)
-      : KelHost(address, spec),
+  ClusterHost(const std::string& address, const KelHost::Setup& setup)
+      : KelHost(address, setup),
         agent_(platform::OpenDirectory(config(), platform::DirectoryRole::kHostAgent)) {}
 
   void Ok(const std::vector<std::string>& args) const {
