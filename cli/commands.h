@@ -4,9 +4,11 @@
 
 #include <CLI/CLI.hpp>
 #include <ostream>
+#include <string>
 #include <vector>
 
 #include "cli/cli_common.h"
+#include "conf/conf_ptr.h"
 #include "service/records.h"
 
 namespace kel {
@@ -17,6 +19,10 @@ namespace cli {
 CLI::App* AddConfCommands(CLI::App& app, CliContext& ctx);
 // "conf show [FILE] [--json]": the records of a kel.conf file (cli/conf_show_cmd.cc).
 void AddConfShowCommand(CLI::App& app, CliContext& ctx);
+// Parses and verifies the kel.conf file at `path` offline, without the cluster lock (what the conf
+// commands do with an explicit FILE). Throws CommandError when it cannot be opened or does not
+// load; the grammar's own exceptions propagate.
+ConfPtr LoadConfFile(const std::string& path);
 
 // Nouns on the management service (obtained through the plug-in factory, ctx.Service()).
 void AddServiceCommands(CLI::App& app, CliContext& ctx);         // cli/service_cmd.cc

@@ -4,69 +4,35 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <iostream>
-#include <memory>
 #include <string>
 
 #include "cli/commands.h"
 #include "conf/conf.h"
 #include "conf/writer.h"
+#include "platform/unique_fd.h"
 
 namespace kel {
 namespace cli {
 
-namespace {
-
-struct ConfDeleter {
-  void operator()(struct conf* conf) const { conf_delete(conf); }
-};
-using ConfPtr = std::unique_ptr<struct conf, ConfDeleter>;
-
-class Fd {
- public:
-  explicit Fd(int fd) : fd_(fd) {}
-  ~Fd() {
-    if (fd_ >= 0) close(fd_);
-  }
-  Fd(const Fd&) = delete;
-  Fd& operator=(const Fd&) = delete;
-  int get() const { return fd_; }
-
- private:
-  int fd_;
-};
-
-// Parses and verifies `path`; throws CommandError when it does not load.
-ConfPtr LoadFile(const std::string& path) {
-  Fd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-  if (fd.get() < 0)
+ConfPtr LoadConfFile(const std::string& path) {
+  platform::UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  if (fd.get() < 0) {
     throw CommandError("unable to open configuration file " + path + ": " + strerror(errno));
-  ConfPtr conf(conf_new_from_file(fd.get(), path.c_str(), nullptr));
+  }
+  ConfPtr conf;
+  try {
+    conf.reset(conf_new_from_file(fd.get(), path.c_str(), nullptr));
+  } catch (...) {
+    KeldCleanConf();
+    throw;
+  }
   if (!conf) throw CommandError("Failed to read conf file: " + path);
   return conf;
 }
 
-// The writer's whole output, so that a writer failure prints nothing at all.
-std::string FormatConf(const struct conf* conf) {
-  char* data = nullptr;
-  size_t size = 0;
-  FILE* stream = open_memstream(&data, &size);
-  if (stream == nullptr) throw CommandError(std::string("open_memstream: ") + strerror(errno));
-  try {
-    NukCtl::Orsa::IscsiTarget::Parser::WriteConfToStream(conf, stream);
-  } catch (...) {
-    fclose(stream);
-    free(data);
-    throw;
-  }
-  fclose(stream);
-  std::string text(data, size);
-  free(data);
-  return text;
-}
+namespace {
 
 size_t CountLuns(const struct conf* conf) {
   size_t n = 0;
@@ -91,7 +57,7 @@ size_t CountInitiatorGroups(const struct conf* conf) {
 
 void Check(CliContext& ctx, const std::string& path) {
   ctx.MirrorLogsToStderr(4);
-  ConfPtr conf = LoadFile(path);
+  ConfPtr conf = LoadConfFile(path);
   if (ctx.json) {
     PrintJson(std::cout, {{"path", path},
                           {"valid", true},
@@ -108,8 +74,8 @@ void Check(CliContext& ctx, const std::string& path) {
 
 void Format(CliContext& ctx, const std::string& path) {
   ctx.MirrorLogsToStderr(ctx.verbose ? 4 : 2);
-  ConfPtr conf = LoadFile(path);
-  std::cout << FormatConf(conf.get());
+  ConfPtr conf = LoadConfFile(path);
+  std::cout << NukCtl::Orsa::IscsiTarget::Parser::WriteConfToString(conf.get());
 }
 
 }  // namespace
@@ -121,7 +87,8 @@ CLI::App* AddConfCommands(CLI::App& app, CliContext& ctx) {
   CLI::App* check = conf->add_subcommand(
       "check", "Parse and verify a kel.conf file; exit 0 when it is usable, 1 when not");
   check->add_option("FILE", *check_path, "kel.conf file to check")->required();
-  check->callback([&ctx, check_path] { ctx.action = [&ctx, check_path] { Check(ctx, *check_path); }; });
+  check->callback(
+      [&ctx, check_path] { ctx.action = [&ctx, check_path] { Check(ctx, *check_path); }; });
 
   auto format_path = std::make_shared<std::string>();
   CLI::App* format = conf->add_subcommand(

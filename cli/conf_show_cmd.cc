@@ -2,13 +2,7 @@
 // targets with their LUNs, initiator groups, the cluster defaults (never with secrets) and the
 // host interfaces in use. Without FILE, the cluster's kel.conf is read under the shared
 // cluster-wide lock, as the service reads it.
-#include <fcntl.h>
-#include <unistd.h>
-
-#include <cerrno>
-#include <cstring>
 #include <iostream>
-#include <memory>
 #include <set>
 #include <string>
 #include <vector>
@@ -29,11 +23,6 @@ using HostCtl::Orsa::IscsiTarget::InitiatorgroupInfo;
 using HostCtl::Orsa::IscsiTarget::TargetInfo;
 namespace Kel = NukCtl::Orsa::IscsiTarget;
 
-struct ConfDeleter {
-  void operator()(struct conf* conf) const { conf_delete(conf); }
-};
-using ConfPtr = std::unique_ptr<struct conf, ConfDeleter>;
-
 // What conf show prints.
 struct Records {
   std::vector<TargetInfo> targets;
@@ -53,20 +42,7 @@ Records Extract(struct conf* conf) {
 
 // An explicit file is read offline, without the cluster lock, like conf check.
 Records FromFile(const std::string& path) {
-  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) {
-    throw CommandError("unable to open configuration file " + path + ": " + strerror(errno));
-  }
-  ConfPtr conf;
-  try {
-    conf.reset(conf_new_from_file(fd, path.c_str(), nullptr));
-  } catch (...) {
-    KeldCleanConf();
-    close(fd);
-    throw;
-  }
-  close(fd);
-  if (!conf) throw CommandError("Failed to read conf file: " + path);
+  ConfPtr conf = LoadConfFile(path);
   return Extract(conf.get());
 }
 

@@ -1,12 +1,10 @@
 // The cluster defaults in kel.conf and the first kel.conf of a new configuration namespace.
-#include <cerrno>
-#include <cstdio>
-#include <cstdlib>
 #include <memory>
 #include <string>
 
 #include "conf/conf.h"
 #include "conf/conf_handle.h"
+#include "conf/conf_ptr.h"
 #include "conf/parser_edit.h"
 #include "conf/parser_internal.h"
 #include "conf/writer.h"
@@ -27,29 +25,6 @@ using HostCtl::Orsa::IscsiTarget::DefaultInfo;
 using namespace internal;  // NOLINT(build/namespaces): this file's own helpers
 
 namespace {
-
-struct ConfDeleter {
-  void operator()(struct conf* c) const { conf_delete(c); }
-};
-
-// The text of a model as the writer prints it.
-std::string ConfText(const struct conf* c) {
-  char* buffer = nullptr;
-  size_t size = 0;
-  FILE* stream = open_memstream(&buffer, &size);
-  if (stream == nullptr) throw OrsaCtlException("Failed to create conf file text");
-  try {
-    WriteConfToStream(c, stream);
-  } catch (...) {
-    fclose(stream);
-    free(buffer);
-    throw;
-  }
-  fclose(stream);
-  std::string text(buffer, size);
-  free(buffer);
-  return text;
-}
 
 void SetDefaultAuth(struct conf* c, const DefaultInfo& info) {
   LogInfo("%s: Updating default authenticaion to auth type %s", kTag, info.authType.c_str());
@@ -115,8 +90,8 @@ void InitConf() {
     LogInfo("%s: Conf file %s already exists, leaving it as it is", kTag, path.c_str());
     return;
   }
-  std::unique_ptr<struct conf, ConfDeleter> empty(conf_new());
-  const std::string text = ConfText(empty.get());
+  ConfPtr empty(conf_new());
+  const std::string text = WriteConfToString(empty.get());
 
   // Written whole under a private name, then linked into place: a host that loses the race to
   // another one creating the file at the same moment keeps the winner's file, and nobody ever

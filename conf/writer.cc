@@ -194,8 +194,9 @@ void Base64EncodeWrapper(const unsigned char* in, size_t len, char* out, size_t 
   out[n] = '\0';
 }
 
-void WriteConfToStream(const struct conf* conf, FILE* stream) {
-  Text out;
+namespace {
+
+void WriteConf(const struct conf* conf, Text& out) {
   out << "generation " << static_cast<uint64_t>(conf->conf_generation) << '\n';
   const struct conf_option* co;
   TAILQ_FOREACH(co, &conf->conf_options, co_next) {
@@ -205,8 +206,21 @@ void WriteConfToStream(const struct conf* conf, FILE* stream) {
   WriteAuthGroups(conf, out);
   WritePortalGroups(conf, out);
   WriteTargets(conf, out);
+}
+
+}  // namespace
+
+void WriteConfToStream(const struct conf* conf, FILE* stream) {
+  Text out;
+  WriteConf(conf, out);
   // A short write shows in the stream's error state, which the callers check.
   fwrite(out.str().data(), 1, out.str().size(), stream);
+}
+
+std::string WriteConfToString(const struct conf* conf) {
+  Text out;
+  WriteConf(conf, out);
+  return out.str();
 }
 
 }  // namespace Parser

@@ -10,6 +10,7 @@
 
 #include <cstddef>
 #include <cstdio>
+#include <string>
 
 struct conf;
 
@@ -22,6 +23,10 @@ namespace Parser {
 // does not fit and throws "Base64_Encode failed: Unexpected encoding size". Output already written
 // when it throws stays in the stream (callers write into a temporary file).
 void WriteConfToStream(const struct conf* conf, FILE* stream);
+
+// The whole text WriteConfToStream prints for `conf`; on failure nothing is returned and the
+// writer's exception propagates.
+std::string WriteConfToString(const struct conf* conf);
 
 // Standard base64 of `in` into `out`, NUL-terminated. Throws OrsaCtlException "Base64_Encode
 // failed" when the encoder fails and "Base64_Encode failed: Unexpected encoding size" when the

@@ -9,11 +9,15 @@
 #include <cerrno>
 #include <cstring>
 
+#include "platform/unique_fd.h"
+
 extern char** environ;
 
 namespace kel {
 namespace keld {
 namespace {
+
+using platform::UniqueFd;
 
 std::vector<char*> MakeArgv(const std::vector<std::string>& argv) {
   std::vector<char*> out;
@@ -22,25 +26,6 @@ std::vector<char*> MakeArgv(const std::vector<std::string>& argv) {
   out.push_back(nullptr);
   return out;
 }
-
-// Closes a descriptor once, on every path.
-class Fd {
- public:
-  Fd() = default;
-  explicit Fd(int fd) : fd_(fd) {}
-  ~Fd() { Reset(); }
-  Fd(const Fd&) = delete;
-  Fd& operator=(const Fd&) = delete;
-  int get() const { return fd_; }
-  void Reset() {
-    if (fd_ >= 0) close(fd_);
-    fd_ = -1;
-  }
-  int* out() { return &fd_; }
-
- private:
-  int fd_ = -1;
-};
 
 int DecodeWaitStatus(int status) {
   if (WIFEXITED(status)) return WEXITSTATUS(status);
@@ -91,20 +76,20 @@ ExecResult RunProgram(const std::vector<std::string>& argv) {
     result.failure = "no program given";
     return result;
   }
-  Fd out_r, out_w, err_r, err_w;
+  UniqueFd out_r, out_w, err_r, err_w;
   int p[2];
   if (pipe2(p, O_CLOEXEC) != 0) {
     result.failure = "pipe: " + ErrnoText(errno);
     return result;
   }
-  *out_r.out() = p[0];
-  *out_w.out() = p[1];
+  out_r.Reset(p[0]);
+  out_w.Reset(p[1]);
   if (pipe2(p, O_CLOEXEC) != 0) {
     result.failure = "pipe: " + ErrnoText(errno);
     return result;
   }
-  *err_r.out() = p[0];
-  *err_w.out() = p[1];
+  err_r.Reset(p[0]);
+  err_w.Reset(p[1]);
 
   SpawnSetup setup;
   posix_spawn_file_actions_addopen(&setup.actions, 0, "/dev/null", O_RDONLY, 0);

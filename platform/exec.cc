@@ -15,6 +15,7 @@
 
 #include "platform/exception.h"
 #include "platform/log.h"
+#include "platform/unique_fd.h"
 
 extern char** environ;
 
@@ -29,23 +30,6 @@ constexpr size_t kMaxOutputBytes = 64 * 1024;
 constexpr int kPollMs = 100;
 
 std::atomic<CommandRunner*> gRunnerForTest{nullptr};
-
-class Fd {
- public:
-  Fd() = default;
-  ~Fd() { Reset(); }
-  Fd(const Fd&) = delete;
-  Fd& operator=(const Fd&) = delete;
-  int get() const { return fd_; }
-  int* ptr() { return &fd_; }
-  void Reset() {
-    if (fd_ >= 0) close(fd_);
-    fd_ = -1;
-  }
-
- private:
-  int fd_ = -1;
-};
 
 // Reads what is available on `fd` into `out` (up to the cap); false at end of file.
 bool Drain(int fd, std::string* out) {
@@ -97,9 +81,9 @@ int Spawn(const std::vector<std::string>& argv, bool search_path) {
   if (pipe2(pipe_fds, O_CLOEXEC) != 0) {
     throw OrsaCtlException("Failed to run " + argv[0] + ": " + strerror(errno));
   }
-  Fd read_end, write_end;
-  *read_end.ptr() = pipe_fds[0];
-  *write_end.ptr() = pipe_fds[1];
+  UniqueFd read_end, write_end;
+  read_end.Reset(pipe_fds[0]);
+  write_end.Reset(pipe_fds[1]);
 
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);

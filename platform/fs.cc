@@ -13,30 +13,11 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "platform/unique_fd.h"
+
 namespace kel {
 namespace platform {
 namespace {
-
-// Closes a descriptor on every path out of a function.
-class Fd {
- public:
-  explicit Fd(int fd) : fd_(fd) {}
-  ~Fd() {
-    if (fd_ >= 0) close(fd_);
-  }
-  Fd(const Fd&) = delete;
-  Fd& operator=(const Fd&) = delete;
-  int get() const { return fd_; }
-  // Closes now and reports the close error (a lost write shows up here on NFS).
-  int Close() {
-    int rc = close(fd_);
-    fd_ = -1;
-    return rc == 0 ? 0 : errno;
-  }
-
- private:
-  int fd_;
-};
 
 void FillInfo(const struct stat& st, FileInfo* info) {
   info->isDir = S_ISDIR(st.st_mode);
@@ -138,7 +119,7 @@ class LinuxFsImpl : public Fs {
     return 0;
   }
   int CreateFile(const std::string& path, mode_t mode) override {
-    Fd fd(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode));
+    UniqueFd fd(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode));
     if (fd.get() < 0) return errno;
     return fd.Close();
   }
@@ -150,7 +131,7 @@ class LinuxFsImpl : public Fs {
     std::string temp = DirName(path) + "/." + BaseName(path) + ".tmp-" + text;
     int err = 0;
     {
-      Fd fd(open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode));
+      UniqueFd fd(open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode));
       if (fd.get() < 0) return errno;
       size_t done = 0;
       while (err == 0 && done < data.size()) {
@@ -166,12 +147,12 @@ class LinuxFsImpl : public Fs {
       unlink(temp.c_str());
       return err;
     }
-    Fd dir(open(DirName(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    UniqueFd dir(open(DirName(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (dir.get() >= 0) fsync(dir.get());  // best effort: the rename itself already happened
     return 0;
   }
   int ReadFile(const std::string& path, std::string* data) override {
-    Fd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
     if (fd.get() < 0) return errno;
     std::string out;
     char buf[4096];
@@ -203,7 +184,7 @@ class LinuxFsImpl : public Fs {
     if (offset > static_cast<uint64_t>(LLONG_MAX) || length > static_cast<uint64_t>(LLONG_MAX)) {
       return EFBIG;
     }
-    Fd fd(open(path.c_str(), O_WRONLY | O_CLOEXEC));
+    UniqueFd fd(open(path.c_str(), O_WRONLY | O_CLOEXEC));
     if (fd.get() < 0) return errno;
     // FALLOC_FL_KEEP_SIZE: the reservation never changes what the initiator sees as capacity.
     if (fallocate(fd.get(), FALLOC_FL_KEEP_SIZE, static_cast<off_t>(offset),

@@ -12,6 +12,7 @@
 
 #include "platform/exception.h"
 #include "platform/host_config.h"
+#include "platform/unique_fd.h"
 #include "service/records_json.h"
 
 namespace kel {
@@ -58,20 +59,6 @@ struct Cache {
   throw OrsaCtlException("settings store: " + what + " " + path + ": " + strerror(err));
 }
 
-class Fd {
- public:
-  explicit Fd(int fd) : fd_(fd) {}
-  ~Fd() {
-    if (fd_ >= 0) close(fd_);
-  }
-  Fd(const Fd&) = delete;
-  Fd& operator=(const Fd&) = delete;
-  int get() const { return fd_; }
-
- private:
-  int fd_;
-};
-
 std::string DirOf(const std::string& path) { return path.substr(0, path.find_last_of('/')); }
 
 void MakeDirs(const std::string& dir) {
@@ -113,7 +100,7 @@ std::string Serialize(const Settings& s) {
 
 // Reads the file and the identity of what was read; a missing file gives the defaults.
 Settings ReadFile(const std::string& path, FileKey* key) {
-  Fd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
   if (fd.get() < 0) {
     if (errno == ENOENT) {
       *key = FileKey();
@@ -153,7 +140,7 @@ FileKey WriteAtomically(const std::string& path, const std::string& text) {
   name.push_back('\0');
   int raw = mkostemp(name.data(), O_CLOEXEC);
   if (raw < 0) Fail("cannot create a temporary file in", dir, errno);
-  Fd fd(raw);
+  UniqueFd fd(raw);
   std::string temp = name.data();
   try {
     if (fchmod(fd.get(), 0600) != 0) Fail("cannot set the mode of", temp, errno);
@@ -168,7 +155,7 @@ FileKey WriteAtomically(const std::string& path, const std::string& text) {
     struct stat st;
     if (fstat(fd.get(), &st) != 0) Fail("cannot stat", temp, errno);
     if (rename(temp.c_str(), path.c_str()) != 0) Fail("cannot replace", path, errno);
-    Fd dfd(open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    UniqueFd dfd(open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (dfd.get() < 0 || fsync(dfd.get()) != 0) Fail("cannot sync directory", dir, errno);
     return KeyOf(st);
   } catch (...) {
@@ -199,7 +186,7 @@ void UpdateSettings(const std::function<void(Settings&)>& change) {
   std::string dir = DirOf(path);
   MakeDirs(dir);
   std::string lock_path = dir + "/settings.lock";
-  Fd lock_fd(open(lock_path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+  UniqueFd lock_fd(open(lock_path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
   if (lock_fd.get() < 0) Fail("cannot open", lock_path, errno);
   struct flock fl;
   memset(&fl, 0, sizeof(fl));

@@ -16,7 +16,6 @@
 
 using HostCtl::Lib::Orsa::OrsaCtlException;
 using kel::log::LogCapture;
-using kel::testing::ConfPtr;
 
 namespace {
 

@@ -17,7 +17,6 @@
 
 using HostCtl::Lib::Orsa::OrsaCtlException;
 using kel::log::LogCapture;
-using kel::testing::ConfPtr;
 using kel::testing::LoadConfText;
 using kel::testing::WriteConfText;
 

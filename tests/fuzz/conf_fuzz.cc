@@ -46,20 +46,11 @@ struct conf* Load(int fd) {
 
 // The writer's output for `conf`; empty when the writer refuses (a secret too long to encode).
 std::string Write(const struct conf* conf) {
-  char* data = nullptr;
-  size_t size = 0;
-  FILE* stream = open_memstream(&data, &size);
-  if (stream == nullptr) abort();
-  bool ok = true;
   try {
-    NukCtl::Orsa::IscsiTarget::Parser::WriteConfToStream(conf, stream);
+    return NukCtl::Orsa::IscsiTarget::Parser::WriteConfToString(conf);
   } catch (const HostCtl::Lib::Orsa::OrsaCtlException&) {
-    ok = false;
+    return std::string();
   }
-  fclose(stream);
-  std::string text = ok ? std::string(data, size) : std::string();
-  free(data);
-  return text;
 }
 
 }  // namespace

@@ -20,7 +20,6 @@ using HostCtl::Orsa::IscsiTarget::DefaultInfo;
 using HostCtl::Orsa::IscsiTarget::LunInfo;
 using HostCtl::Orsa::IscsiTarget::TargetCreateParam;
 using HostCtl::Orsa::IscsiTarget::TargetInfo;
-using kel::testing::ConfPtr;
 using kel::testing::ErrorOf;
 using kel::testing::LoadConfText;
 using kel::testing::WriteConfText;

@@ -57,22 +57,7 @@ ConfPtr LoadConfText(const std::string& text, int mode, struct conf* oldconf) {
   return conf;
 }
 
-std::string WriteConfText(const struct conf* conf) {
-  char* data = nullptr;
-  size_t size = 0;
-  FILE* stream = open_memstream(&data, &size);
-  try {
-    IT::Parser::WriteConfToStream(conf, stream);
-  } catch (...) {
-    fclose(stream);
-    free(data);
-    throw;
-  }
-  fclose(stream);
-  std::string text(data, size);
-  free(data);
-  return text;
-}
+std::string WriteConfText(const struct conf* conf) { return IT::Parser::WriteConfToString(conf); }
 
 ConfPtr ReadModel() {
   IT::ConfHandle handle(IT::ConfHandle::kShared);

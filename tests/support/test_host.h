@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "conf/conf.h"
+#include "conf/conf_ptr.h"
 #include "platform/clock.h"
 #include "platform/directory.h"
 #include "platform/host_config.h"
@@ -24,11 +24,6 @@ namespace testing {
 
 // The message of the OrsaCtlException that `fn` throws; "" when it throws none.
 std::string ErrorOf(const std::function<void()>& fn);
-
-struct ConfDeleter {
-  void operator()(struct conf* c) const { conf_delete(c); }
-};
-using ConfPtr = std::unique_ptr<struct conf, ConfDeleter>;
 
 // Writes `text` to a fresh file of `mode` and loads it with conf_new_from_file at log level 4;
 // null when the grammar or verification refuses. Exceptions of the load propagate.
