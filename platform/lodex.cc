@@ -75,6 +75,13 @@ DirEntry FromLodexEntry(const LODEX_Entry* entry) {
   return e;
 }
 
+// The entries that match `query` in the open directory.
+NUK_ReturnStatus FindByQuery(const LODEX_Query* query, std::vector<DirEntry>* found) {
+  auto dir = OpenDir();
+  if (!dir) return NUK_DIRECTORY_NOT_RUNNING;
+  return dir->Find(ToDirQuery(query), found);
+}
+
 // Subscriptions made through this API, by their handle (the query record).
 struct Registration {
   std::weak_ptr<Directory> directory;
@@ -127,10 +134,8 @@ NUK_ReturnStatus LODEX_Deinitialize(LODEX_Handle handle) {
 NUK_ReturnStatus LODEX_FindEntry(const LODEX_Query* query, int, LODEX_EntryHeader* entry,
                                  size_t size) {
   if (query == nullptr || entry == nullptr) return NUK_BAD_PARAM;
-  auto dir = OpenDir();
-  if (!dir) return NUK_DIRECTORY_NOT_RUNNING;
   std::vector<DirEntry> found;
-  NUK_ReturnStatus st = dir->Find(ToDirQuery(query), &found);
+  NUK_ReturnStatus st = FindByQuery(query, &found);
   if (st != NUK_OK) return st;
   LODEX_EntryHeader h;
   FillHeader(found.front(), &h);
@@ -141,10 +146,8 @@ NUK_ReturnStatus LODEX_FindEntry(const LODEX_Query* query, int, LODEX_EntryHeade
 NUK_ReturnStatus LODEX_FindFullEntryByQuery(const LODEX_Query* query, int,
                                             Marshal_Allocator* allocator, LODEX_Entry** entry) {
   if (query == nullptr || entry == nullptr) return NUK_BAD_PARAM;
-  auto dir = OpenDir();
-  if (!dir) return NUK_DIRECTORY_NOT_RUNNING;
   std::vector<DirEntry> found;
-  NUK_ReturnStatus st = dir->Find(ToDirQuery(query), &found);
+  NUK_ReturnStatus st = FindByQuery(query, &found);
   if (st != NUK_OK) return st;
   LODEX_Entry* out = ToLodexEntry(allocator, found.front());
   if (out == nullptr) return NUK_NO_MEMORY;
@@ -181,10 +184,8 @@ NUK_ReturnStatus LODEX_FindFullEntryByHeader(const LODEX_EntryHeader* header, in
 NUK_ReturnStatus LODEX_FindAllEntriesByQuery(const LODEX_Query* query, int,
                                              Marshal_Allocator* allocator, LODEX_EntryList** list) {
   if (query == nullptr || list == nullptr) return NUK_BAD_PARAM;
-  auto dir = OpenDir();
-  if (!dir) return NUK_DIRECTORY_NOT_RUNNING;
   std::vector<DirEntry> found;
-  NUK_ReturnStatus st = dir->Find(ToDirQuery(query), &found);
+  NUK_ReturnStatus st = FindByQuery(query, &found);
   if (st != NUK_OK) return st;
   auto* out = static_cast<LODEX_EntryList*>(Marshal_Alloc(allocator, sizeof(LODEX_EntryList)));
   if (out == nullptr) return NUK_NO_MEMORY;
