@@ -11,113 +11,21 @@
 
 #include <algorithm>
 #include <chrono>
-#include <ctime>
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
+#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
-#include <nlohmann/json.hpp>
-
+#include "bench/limits_conf.h"
 #include "conf/conf.h"
 #include "conf/writer.h"
 #include "platform/clog.h"
 
 namespace {
 
-constexpr int kTargets = 128;
-constexpr int kLunsPerTarget = 8;            // 1024 LUNs
-constexpr int kInitiatorGroups = 256;
-constexpr int kInitiatorsPerGroup = 32;      // 8192 initiators
-
 using Clock = std::chrono::steady_clock;
-
-std::string Uuid(int kind, int n) {
-  char buf[64];
-  snprintf(buf, sizeof(buf), "6f1d2c4a-8b3e-4c5d-9e7f-%04x%08x", kind, n);
-  return buf;
-}
-
-// The configuration at the limits, built through the model as the service would.
-struct conf* BuildModel() {
-  struct conf* c = conf_new();
-  auth_group_new(c, "default")->ag_type = AG_TYPE_NO_AUTHENTICATION;
-  auth_group_new(c, "no-authentication")->ag_type = AG_TYPE_NO_AUTHENTICATION;
-  auth_group_new(c, "no-access")->ag_type = AG_TYPE_DENY;
-  struct portal_group* def = portal_group_new(c, "default");
-  def->pg_discovery_auth_group = auth_group_find(c, "default");
-  portal_group_add_listen(def, "nuk0:3260", false);
-  conf_option_new(c, "kel-option", "on");
-  c->conf_generation = 123456;
-
-  for (int g = 0; g < kInitiatorGroups; g++) {
-    std::string name = "initiator-group-" + std::to_string(g);
-    struct initiator_group* ig = initiator_group_new(c, name.c_str());
-    for (int i = 0; i < kInitiatorsPerGroup; i++) {
-      std::string in = "iqn.1998-01.com.example:host-" + std::to_string(g) + "-" + std::to_string(i);
-      initiator_new(ig, in.c_str());
-    }
-  }
-  std::vector<struct portal_group*> pgs;
-  for (int n = 0; n < 4; n++) {
-    std::string nic = "nuk" + std::to_string(n + 1);
-    std::string name = "pg-" + nic + "-3260";
-    struct portal_group* pg = portal_group_new(c, name.c_str());
-    pg->pg_discovery_auth_group = auth_group_find(c, "no-authentication");
-    portal_group_add_listen(pg, (nic + ":3260").c_str(), false);
-    pgs.push_back(pg);
-  }
-  for (int t = 0; t < kTargets; t++) {
-    std::string uuid = Uuid(1, t);
-    struct auth_group* ag = auth_group_new(c, uuid.c_str());
-    if (t % 3 == 0) {
-      auth_new_chap(ag, ("user-" + std::to_string(t)).c_str(), "secret-0123456", false);
-    } else if (t % 3 == 1) {
-      auth_new_chap_mutual(ag, ("user-" + std::to_string(t)).c_str(), "secret-0123456",
-                           "target-user", "mutual-0123456", false);
-    } else {
-      ag->ag_type = AG_TYPE_NO_AUTHENTICATION;
-    }
-    auth_group_igroup_ref_add(c, ag, ("initiator-group-" + std::to_string(t * 2)).c_str());
-    auth_group_igroup_ref_add(c, ag, ("initiator-group-" + std::to_string(t * 2 + 1)).c_str());
-    auth_name_new(ag, ("iqn.1998-01.com.example:admin-" + std::to_string(t)).c_str());
-
-    std::string name = "iqn.2024-01.com.example:target-" + std::to_string(t);
-    struct target* target = target_new(c, name.c_str());
-    target->t_alias = checked_strdup(("target " + std::to_string(t)).c_str());
-    port_new(c, target, pgs[t % pgs.size()]);
-    target->t_auth_group = ag;
-    target_option_new(target, "uuid", uuid.c_str());
-    target_option_new(target, "owner-id", Uuid(2, t).c_str());
-    for (int l = 0; l < kLunsPerTarget; l++) {
-      int number = l * 31 % 256;
-      char lun_name[300];
-      keld_target_lun_name(lun_name, sizeof(lun_name), target->t_name, number);
-      struct lun* lun = lun_new(c, lun_name);
-      lun_set_backend(lun, "pemo");
-      lun_set_path(lun, (uuid + "/disk-" + std::to_string(number) + ".pemo").c_str());
-      lun_set_size(lun, 2097152LL * (l + 1));
-      lun_set_keld_lun(lun, number);
-      option_new(&lun->l_options, "lun-alias", ("lun " + std::to_string(number)).c_str());
-      char naa[64];
-      snprintf(naa, sizeof(naa), "naa.6000c29a%020d", t * kLunsPerTarget + l);
-      option_new(&lun->l_options, "naa", naa);
-      target->t_luns[number] = lun;
-    }
-  }
-  return c;
-}
-
-std::string WriteText(const struct conf* conf) {
-  char* data = nullptr;
-  size_t size = 0;
-  FILE* stream = open_memstream(&data, &size);
-  NukCtl::Orsa::IscsiTarget::Parser::WriteConfToStream(conf, stream);
-  fclose(stream);
-  std::string text(data, size);
-  free(data);
-  return text;
-}
 
 // The same configuration as one JSON document, with the same names, values and nesting.
 nlohmann::json ToJson(const struct conf* conf) {
@@ -239,8 +147,8 @@ int main(int argc, char** argv) {
   int iterations = argc > 1 ? std::max(1, atoi(argv[1])) : 51;
   log_init(4);  // the service's level: every line is formatted, none is printed (no sink)
 
-  struct conf* model = BuildModel();
-  std::string text = WriteText(model);
+  struct conf* model = kel::bench::BuildLimitsModel();
+  std::string text = NukCtl::Orsa::IscsiTarget::Parser::WriteConfToString(model);
   std::string json_text = ToJson(model).dump();
   conf_delete(model);
 
@@ -298,11 +206,12 @@ int main(int argc, char** argv) {
   }
   close(fd);
 
-  printf("kel.conf at the cluster limits: %zu targets, %zu LUNs, %zu initiator groups, "
-         "%zu initiators\n",
-         targets, luns, igs, initiators);
-  printf("kel.conf %zu bytes, JSON %zu bytes, median of %d runs\n\n", text.size(),
-         json_text.size(), iterations);
+  printf(
+      "kel.conf at the cluster limits: %zu targets, %zu LUNs, %zu initiator groups, "
+      "%zu initiators\n",
+      targets, luns, igs, initiators);
+  printf("kel.conf %zu bytes, JSON %zu bytes, median of %d runs\n\n", text.size(), json_text.size(),
+         iterations);
   double parse_ms = Median(parse.cpu), json_ms = Median(json.cpu);
   printf("%-34s %14s %14s\n", "operation", "median CPU ms", "median wall ms");
   printf("%-34s %14.3f %14.3f\n", "kel.conf parse + verify", parse_ms, Median(parse.wall));

@@ -20,6 +20,7 @@
 #include <string>
 #include <vector>
 
+#include "bench/limits_conf.h"
 #include "conf/conf.h"
 #include "conf/conf_handle.h"
 #include "conf/writer.h"
@@ -30,94 +31,6 @@ namespace {
 
 using NukCtl::Orsa::IscsiTarget::ConfHandle;
 using SteadyClock = std::chrono::steady_clock;
-
-constexpr int kTargets = 128;
-constexpr int kLunsPerTarget = 8;  // 1024 LUNs
-constexpr int kInitiatorGroups = 256;
-constexpr int kInitiatorsPerGroup = 32;  // 8192 initiators
-constexpr int kNics = 4;
-
-std::string Uuid(int kind, int n) {
-  char buf[64];
-  snprintf(buf, sizeof(buf), "6f1d2c4a-8b3e-4c5d-9e7f-%04x%08x", kind, n);
-  return buf;
-}
-
-// The configuration at the limits, built through the model the way the editing operations do.
-struct conf* BuildModel() {
-  struct conf* c = conf_new();
-  auth_group_new(c, "default")->ag_type = AG_TYPE_NO_AUTHENTICATION;
-  auth_group_new(c, "no-authentication")->ag_type = AG_TYPE_NO_AUTHENTICATION;
-  auth_group_new(c, "no-access")->ag_type = AG_TYPE_DENY;
-  struct portal_group* def = portal_group_new(c, "default");
-  def->pg_discovery_auth_group = auth_group_find(c, "default");
-  portal_group_add_listen(def, "nuk0:3260", false);
-
-  for (int g = 0; g < kInitiatorGroups; g++) {
-    struct initiator_group* ig = initiator_group_new(c, ("ig-" + std::to_string(g)).c_str());
-    for (int i = 0; i < kInitiatorsPerGroup; i++) {
-      std::string name =
-          "iqn.1998-01.com.example:host-" + std::to_string(g) + "-" + std::to_string(i);
-      initiator_new(ig, name.c_str());
-    }
-  }
-  std::vector<struct portal_group*> pgs;
-  for (int n = 1; n <= kNics; n++) {
-    std::string nic = "nuk" + std::to_string(n);
-    struct portal_group* pg = portal_group_new(c, ("pg-" + nic + "-3260").c_str());
-    pg->pg_discovery_auth_group = auth_group_find(c, "no-authentication");
-    portal_group_add_listen(pg, (nic + ":3260").c_str(), false);
-    pgs.push_back(pg);
-  }
-  for (int t = 0; t < kTargets; t++) {
-    std::string uuid = Uuid(1, t);
-    struct auth_group* ag = auth_group_new(c, uuid.c_str());
-    if (t % 3 == 0) {
-      auth_new_chap(ag, ("user-" + std::to_string(t)).c_str(), "secret-0123456", false);
-    } else if (t % 3 == 1) {
-      auth_new_chap_mutual(ag, ("user-" + std::to_string(t)).c_str(), "secret-0123456",
-                           "target-user", "mutual-0123456", false);
-    } else {
-      ag->ag_type = AG_TYPE_NO_AUTHENTICATION;
-    }
-    auth_group_igroup_ref_add(c, ag, ("ig-" + std::to_string(t * 2)).c_str());
-    auth_group_igroup_ref_add(c, ag, ("ig-" + std::to_string(t * 2 + 1)).c_str());
-
-    std::string name = "iqn.2024-01.com.example:target-" + std::to_string(t);
-    struct target* target = target_new(c, name.c_str());
-    target->t_alias = checked_strdup(("target " + std::to_string(t)).c_str());
-    port_new(c, target, pgs[t % pgs.size()]);
-    target->t_auth_group = ag;
-    target_option_new(target, "uuid", uuid.c_str());
-    target_option_new(target, "owner-id", Uuid(2, t).c_str());
-    target_option_new(target, "status", "online");
-    for (int l = 0; l < kLunsPerTarget; l++) {
-      int number = l * 31 % 256;
-      char lun_name[300];
-      keld_target_lun_name(lun_name, sizeof(lun_name), target->t_name, number);
-      struct lun* lun = lun_new(c, lun_name);
-      lun_set_backend(lun, "pemo");
-      lun_set_path(lun, (uuid + "/" + Uuid(3, t * kLunsPerTarget + l) + ".pemo").c_str());
-      lun_set_size(lun, 2097152LL * (l + 1));
-      lun_set_keld_lun(lun, number);
-      option_new(&lun->l_options, "lun-alias", ("lun " + std::to_string(number)).c_str());
-      target->t_luns[number] = lun;
-    }
-  }
-  return c;
-}
-
-std::string WriteText(const struct conf* conf) {
-  char* data = nullptr;
-  size_t size = 0;
-  FILE* stream = open_memstream(&data, &size);
-  __fsetlocking(stream, FSETLOCKING_BYCALLER);  // as ConfHandle prints
-  NukCtl::Orsa::IscsiTarget::Parser::WriteConfToStream(conf, stream);
-  fclose(stream);
-  std::string text(data, size);
-  free(data);
-  return text;
-}
 
 // Prints the model into a stream set up as ConfHandle sets up its temporary file, but writing to
 // /dev/null: the writer's own cost, without a growing in-memory stream or a file system.
@@ -177,7 +90,7 @@ int main(int argc, char** argv) {
   hc.hostUuid = "11111111-2222-3333-4444-555555555555";
   hc.hostName = "bench";
   hc.networkOverride = true;
-  for (int n = 0; n <= kNics; n++) {
+  for (int n = 0; n <= kel::bench::kNics; n++) {
     hc.interfaces["nuk" + std::to_string(n)] = {"127.0.0." + std::to_string(11 + n), ""};
   }
   kel::platform::SetCurrentHostConfig(hc);
@@ -188,8 +101,8 @@ int main(int argc, char** argv) {
   std::string path = NukCtl::Orsa::IscsiTarget::Util::GetConfFilePath();
   std::string dir = path.substr(0, path.find_last_of('/'));
 
-  struct conf* model = BuildModel();
-  std::string text = WriteText(model);
+  struct conf* model = kel::bench::BuildLimitsModel();
+  std::string text = NukCtl::Orsa::IscsiTarget::Parser::WriteConfToString(model);
   conf_delete(model);
   BareAtomicWrite(dir, path, text);
   chmod(path.c_str(), 0600);
