@@ -125,7 +125,8 @@ bool Matches(const std::string& text, const boost::regex& pattern) {
 
 bool HasNul(const std::string& text) { return text.find('\0') != std::string::npos; }
 
-bool IsBlank(char c) { return c == ' ' || c == '\t'; }
+// Only the space counts: other control characters are left to the pattern (a leading tab passes).
+bool IsBlank(char c) { return c == ' '; }
 
 void CheckNoDoubleQuote(const std::string& value, const char* label) {
   if (value.find('"') != std::string::npos) {

@@ -173,7 +173,8 @@ TEST(Validation, SecretPattern) {
   EXPECT_TRUE(ok("AbcdefGhijk1!"));
   EXPECT_TRUE(ok("Abcdef Ghijk1!"));
   EXPECT_FALSE(ok("AbcdefGhijk1! "));
-  EXPECT_FALSE(ok("\tAbcdefGhijk1!"));
+  EXPECT_FALSE(ok(" AbcdefGhijk1!"));
+  EXPECT_TRUE(ok("\tAbcdefGhijk1!"));  // only the space is a blank
   EXPECT_FALSE(ok(std::string("Abcdef\0Ghijk1!", 14)));
 }
 
