@@ -162,26 +162,27 @@ void CheckSecretLength(const struct auth* auth) {
                 auth->a_user, TargetNameOf(ag));
   }
   if (auth->a_mutual_secret == nullptr) return;
+  // The mutual texts name the same user as the plain ones (the initiator's), not the mutual user.
   len = strlen(auth->a_mutual_secret);
   if (len > 16) {
     if (!IsAnonymous(ag))
       log_warnx("mutual secret for user \"%s\", auth-group \"%s\", is too long; it should be at "
                 "most 16 characters long",
-                auth->a_mutual_user, ag->ag_name);
+                auth->a_user, ag->ag_name);
     else
       log_warnx("mutual secret for user \"%s\", target \"%s\", is too long; it should be at most "
                 "16 characters long",
-                auth->a_mutual_user, TargetNameOf(ag));
+                auth->a_user, TargetNameOf(ag));
   }
   if (len < 12) {
     if (!IsAnonymous(ag))
       log_warnx("mutual secret for user \"%s\", auth-group \"%s\", is too short; it should be at "
                 "least 12 characters long",
-                auth->a_mutual_user, ag->ag_name);
+                auth->a_user, ag->ag_name);
     else
       log_warnx("mutual secret for user \"%s\", target \"%s\", is too short; it should be at "
                 "least 16 characters long",
-                auth->a_mutual_user, TargetNameOf(ag));
+                auth->a_user, TargetNameOf(ag));
   }
 }
 

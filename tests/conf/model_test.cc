@@ -141,12 +141,12 @@ TEST_F(ConfModel, SecretsAndTheirLengthWarnings) {
       {anon,
        "0123456789ab",
        "short",
-       {"mutual secret for user \"m" + tg + "short; it should be at least 16 characters long"}},
+       {"mutual secret for user \"u" + tg + "short; it should be at least 16 characters long"}},
       {named,
        "x",
        "0123456789abcdefgh",
        {"secret for user \"u" + ag + "short; it should be at least 12 characters long",
-        "mutual secret for user \"m" + ag + "long; it should be at most 16 characters long"}},
+        "mutual secret for user \"u" + ag + "long; it should be at most 16 characters long"}},
   };
   for (const auto& c : cases) {
     LogCapture capture;
