@@ -79,8 +79,10 @@ bool ParseDeviceType(const char* text, int* out) {
              strcasecmp(text, "dvdrom") == 0) {
     *out = 5;
   } else {
+    // Any other text is a number, so a word that does not convert is a bad number.
     uint64_t n;
-    if (expand_number(text, &n) != 0 || n > 15) {
+    if (!ParseNumber(text, &n)) return false;
+    if (n > 15) {
       log_warnx("invalid device-type \"%s\" for lun \"%s\"; must be either \"disk\", "
                 "\"processor\", \"cdrom\", or a number between 0 and 15",
                 text, gLun->l_name);

@@ -412,7 +412,7 @@ TEST(ConfGrammar, LunEntriesAndRefusals) {
       {"lun a { size 1; size 2 }\n", "size for lun \"a\" specified more than once"},
       {"lun a { option k v; option k w }\n", "duplicated option \"k\""},
       {"lun a { device-type 16 }\n", "invalid device-type \"16\" for lun \"a\""},
-      {"lun a { device-type tape }\n", "invalid device-type \"tape\" for lun \"a\""},
+      {"lun a { device-type tape }\n", "near 'tape': invalid numeric value"},
       {"lun a { size 1.5 }\n", "invalid numeric value"},
   });
 }
