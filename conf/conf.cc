@@ -166,23 +166,27 @@ void CheckSecretLength(const struct auth* auth) {
   len = strlen(auth->a_mutual_secret);
   if (len > 16) {
     if (!IsAnonymous(ag))
-      log_warnx("mutual secret for user \"%s\", auth-group \"%s\", is too long; it should be at "
-                "most 16 characters long",
-                auth->a_user, ag->ag_name);
+      log_warnx(
+          "mutual secret for user \"%s\", auth-group \"%s\", is too long; it should be at "
+          "most 16 characters long",
+          auth->a_user, ag->ag_name);
     else
-      log_warnx("mutual secret for user \"%s\", target \"%s\", is too long; it should be at most "
-                "16 characters long",
-                auth->a_user, TargetNameOf(ag));
+      log_warnx(
+          "mutual secret for user \"%s\", target \"%s\", is too long; it should be at most "
+          "16 characters long",
+          auth->a_user, TargetNameOf(ag));
   }
   if (len < 12) {
     if (!IsAnonymous(ag))
-      log_warnx("mutual secret for user \"%s\", auth-group \"%s\", is too short; it should be at "
-                "least 12 characters long",
-                auth->a_user, ag->ag_name);
+      log_warnx(
+          "mutual secret for user \"%s\", auth-group \"%s\", is too short; it should be at "
+          "least 12 characters long",
+          auth->a_user, ag->ag_name);
     else
-      log_warnx("mutual secret for user \"%s\", target \"%s\", is too short; it should be at "
-                "least 16 characters long",
-                auth->a_user, TargetNameOf(ag));
+      log_warnx(
+          "mutual secret for user \"%s\", target \"%s\", is too short; it should be at "
+          "least 16 characters long",
+          auth->a_user, TargetNameOf(ag));
   }
 }
 
