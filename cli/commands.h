@@ -31,6 +31,7 @@ void AddDefaultsCommands(CLI::App& app, CliContext& ctx);        // cli/defaults
 void AddTargetCommands(CLI::App& app, CliContext& ctx);          // cli/target_cmd.cc
 void AddLunCommands(CLI::App& app, CliContext& ctx);             // cli/lun_cmd.cc
 void AddInitiatorGroupCommands(CLI::App& app, CliContext& ctx);  // cli/initiator_group_cmd.cc
+void AddHostCommands(CLI::App& app, CliContext& ctx);            // cli/host_cmd.cc
 
 // One row per LUN, with its NAA identifier (cli/lun_cmd.cc); the compliance column is "-" unless
 // the records were queried for it.

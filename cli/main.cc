@@ -23,6 +23,7 @@ int main(int argc, char** argv) {
   kel::cli::AddTargetCommands(app, ctx);
   kel::cli::AddLunCommands(app, ctx);
   kel::cli::AddInitiatorGroupCommands(app, ctx);
+  kel::cli::AddHostCommands(app, ctx);
 
   return kel::cli::Main(app, ctx, argc, argv);
 }

@@ -166,6 +166,11 @@ void SetKelConfigSubscriptionWanted(bool wanted);
 // Drops the subscription; a failure is logged ("Failed to unsubscribe LODEX : ...") and swallowed.
 void _UnsubscribeKelConfig();
 
+// Moves every local target away when the cluster has two or more nodes (`nodeCount` points to an
+// unsigned 32-bit count), after this node's decommissioning completed. Never throws: a failure is
+// logged ("Failed to transfer all targets (...)").
+void TransferAllLocalTargets(void* nodeCount, HostCtl::Orsa::IscsiTarget::OrsaIscsiTarget* service);
+
 }  // namespace IscsiTarget
 }  // namespace Orsa
 }  // namespace NukCtl

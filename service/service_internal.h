@@ -21,11 +21,6 @@ HostCtl::Orsa::IscsiTarget::TargetCreateParam KeepParamsOf(
 
 }  // namespace ServiceInternal
 
-// Moves every local target away when the cluster has two or more nodes (`nodeCount` points to an
-// unsigned 32-bit count), after this node's decommissioning completed. Never throws: a failure is
-// logged ("Failed to transfer all targets (...)").
-void TransferAllLocalTargets(void* nodeCount, HostCtl::Orsa::IscsiTarget::OrsaIscsiTarget* service);
-
 }  // namespace IscsiTarget
 }  // namespace Orsa
 }  // namespace NukCtl

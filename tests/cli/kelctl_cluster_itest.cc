@@ -68,6 +68,11 @@ TEST(KelctlCluster, TargetsAreSeenAndMovedAcrossHosts) {
   ASSERT_EQ(targets.size(), 2u);
   for (const auto& t : targets) EXPECT_EQ(t["ownerHostUuid"], b.hostUuid) << t["alias"];
 
+  // B in maintenance: its targets go to A, the one host left that can serve them.
+  r = kb.Ok({"host", "maintenance", "enter"});
+  EXPECT_EQ(r.out, "Targets still on this host: -\n") << kb.transcript();
+  EXPECT_EQ(ka.Json({"target", "list", "--local"}).size(), 2u) << ka.transcript();
+
   // The configuration entry was last published by B's kelctl under a lease of its own, which
   // goes with it; the re-publication that A's agent runs puts it under A's lease with the shared
   // file's generation.

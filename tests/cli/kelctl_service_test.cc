@@ -155,6 +155,12 @@ TEST(KelctlService, EveryNounAgainstTheService) {
                 .err.find("OrsaIscsiTargetImpl: Constructing OrsaIscsiTargetImpl()"),
             std::string::npos);
 
+  // A one-node cluster keeps its targets in maintenance; leaving the cluster disables the service.
+  EXPECT_EQ(k.Json({"host", "maintenance", "enter"})["targetsOnThisHost"], json({"plain", "chap"}));
+  k.Ok({"host", "leave"});
+  EXPECT_EQ(k.Run({"service", "status"}).out, "disabled\n");
+  EXPECT_EQ(env.ControlRuns().back(), "++group=serad-tmp io_stop");
+
   // No secret in any output, nor in the host log every run wrote to.
   const std::string log = ReadFile(env.config().stateDir + "/log/kel.log");
   EXPECT_NE(log.find("Adding new target to conf file."), std::string::npos);
