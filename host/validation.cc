@@ -346,19 +346,22 @@ void VerifyLunParams(LunInfo& lun, bool fillDefaultPolicy) {
 
 void VerifyLunPolicyAndAffinity(const LunInfo& lun) {
   const TargetInfo target = GetValidationEnv()->GetTargetInfoFromConfFile(lun.targetAlias);
-  const std::string& site = target.affinitySite;
-  if (site.empty()) {
-    return;
-  }
-  bool mismatch = false;
-  if (lun.storagePolicy.find(kPreferredLocality) != std::string::npos) {
-    mismatch = site == "NonPreferred";
-  } else if (lun.storagePolicy.find(kNonPreferredLocality) != std::string::npos) {
-    mismatch = site == "Preferred";
-  }
-  if (mismatch) {
+  if (!IsPolicyLocalityCompatible(target.affinitySite, lun.storagePolicy)) {
     Fail("Incompatible between target location and lun policy locality");
   }
+}
+
+bool IsPolicyLocalityCompatible(const std::string& site, const std::string& policyText) {
+  if (site.empty()) {
+    return true;
+  }
+  if (policyText.find(kPreferredLocality) != std::string::npos) {
+    return site != "NonPreferred";
+  }
+  if (policyText.find(kNonPreferredLocality) != std::string::npos) {
+    return site != "Preferred";
+  }
+  return true;
 }
 
 void VerifyLunRemoveParam(int lunId, const std::string& targetName) {

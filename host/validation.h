@@ -72,6 +72,11 @@ void VerifyLunParams(HostCtl::Orsa::IscsiTarget::LunInfo& lun, bool fillDefaultP
 // The LUN policy's locality must agree with its target's site affinity.
 void VerifyLunPolicyAndAffinity(const HostCtl::Orsa::IscsiTarget::LunInfo& lun);
 
+// The locality rule shared by LUNs and targets, looked up in the policy text as written: a text
+// holding "locality" "Preferred" conflicts with the site "NonPreferred"; otherwise one holding
+// "locality" "NonPreferred" conflicts with "Preferred". Any other site or policy never conflicts.
+bool IsPolicyLocalityCompatible(const std::string& site, const std::string& policyText);
+
 // The LUN's backing file must exist: "Failed to find path <path> for LUN <id> of target <name>".
 void VerifyLunRemoveParam(int lunId, const std::string& targetName);
 

@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "host/host_options.h"
+#include "host/validation.h"
 #include "platform/directory.h"
 #include "platform/exception.h"
 #include "platform/log.h"
@@ -64,21 +65,6 @@ bool ValidateSiteAffinity() {
     throw OrsaCtlException(
         "Some hosts didn't finish disk format upgrade of Orsa 7.0u1, rejecting kel affinity check "
         "until upgrade is completed.");
-  }
-  return true;
-}
-
-bool IsPolicyLocalityCompatible(const std::string& site, const std::string& policyText) {
-  if (!IsPinnedSite(site)) return true;
-  const kel::platform::StoragePolicy policy = kel::platform::ParsePolicy(policyText);
-  if (!policy.hasLocality) return true;
-  switch (policy.locality) {
-    case kel::platform::Locality::kPreferred:
-      return site != "NonPreferred";
-    case kel::platform::Locality::kNonPreferred:
-      return site != "Preferred";
-    case kel::platform::Locality::kNone:
-      return true;
   }
   return true;
 }

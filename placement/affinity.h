@@ -40,13 +40,8 @@ bool IsInStretchedCluster();
 // baseline 13 must be met.
 bool ValidateSiteAffinity();
 
-// True when a policy whose locality is `policyText`'s may serve a target pinned to `site`:
-// "Preferred" locality conflicts with the "NonPreferred" site and vice versa; no locality, the
-// locality "None", an empty site or the site "None" never conflict. Throws the policy layer's
-// message for a policy text that does not parse.
-bool IsPolicyLocalityCompatible(const std::string& site, const std::string& policyText);
-
-// A new target: when both its site and its policy are given, they must agree, else
+// A new target: when both its site and its policy are given, they must agree by the LUNs'
+// locality rule (Util::IsPolicyLocalityCompatible, host/validation.h), else
 // "Incompatible between Target location and policy locality". Either empty: nothing is checked.
 void VerifyNewTargetAffinity(const HostCtl::Orsa::IscsiTarget::TargetCreateParam& param);
 

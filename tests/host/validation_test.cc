@@ -8,6 +8,7 @@
 
 #include "conf/conf.h"
 #include "host/testing/fake_validation_env.h"
+#include "placement/affinity.h"
 #include "platform/exception.h"
 #include "platform/log.h"
 #include "tests/support/test_host.h"
@@ -285,6 +286,13 @@ TEST(Validation, LunPolicyAndSite) {
     lun.targetAlias = c.target;
     lun.storagePolicy = c.policy;
     EXPECT_EQ(ErrorOf([&] { Util::VerifyLunParams(lun, true); }), c.expected)
+        << c.target << c.policy;
+    // A new target with that site and policy follows the same rule.
+    TargetCreateParam t;
+    t.affinitySite = env->targets[c.target].affinitySite;
+    t.storagePolicy = c.policy;
+    EXPECT_EQ(ErrorOf([&] { Util::VerifyNewTargetAffinity(t); }),
+              c.expected.empty() ? kOk : "Incompatible between Target location and policy locality")
         << c.target << c.policy;
   }
 }
