@@ -137,6 +137,7 @@ class Daemon {
  private:
   bool Prepare(Problem* problem);
   bool StartTgtd(Problem* problem);
+  bool EnsureTgtd();
   bool Load(DesiredState* desired, std::vector<Problem>* problems);
   ReconcileResult Reconcile(bool requested);
   void Apply(const DesiredState& desired, ReconcileResult* result);
@@ -159,6 +160,7 @@ class Daemon {
   int signal_fd_ = -1;
   int wake_fd_ = -1;  // written by change notifications of the source and the resolver
   bool stopping_ = false;
+  std::chrono::steady_clock::time_point next_tgtd_start_;  // when a failed start is tried again
   std::vector<Problem> last_problems_;
   ChangeTracker tracker_;  // which problems fail a reload or restart
 
@@ -245,6 +247,19 @@ bool Daemon::StartTgtd(Problem* problem) {
   return true;
 }
 
+// Whether tgtd runs. One that died is replaced at once; a failed start is logged, kept for
+// `status`, and tried again by the main loop after kTgtdRetryMs.
+bool Daemon::EnsureTgtd() {
+  if (reconciler_ && supervisor_.Alive()) return true;
+  reconciler_.reset();
+  Problem problem;
+  if (StartTgtd(&problem)) return true;
+  LogProblems({problem});
+  last_problems_ = {problem};
+  next_tgtd_start_ = std::chrono::steady_clock::now() + std::chrono::milliseconds(kTgtdRetryMs);
+  return false;
+}
+
 // Logs the outcome: a requested reconcile always, the periodic ones only when it changed.
 void Daemon::Finish(const std::vector<Problem>& problems, bool requested) {
   if (requested || !SameProblems(problems, last_problems_)) LogProblems(problems);
@@ -289,11 +304,18 @@ ReconcileResult Daemon::Reconcile(bool requested) {
   if (requested) {
     options_.source->Invalidate();
     resolver_->Refresh();
+    // A tgtd that died since the main loop last looked must not fail the caller's reload.
+    EnsureTgtd();
   }
   if (!reconciler_) {
     result.problems.push_back(DaemonProblem("tgtd is not running"));
   } else if (Load(&desired, &result.problems)) {
     Apply(desired, &result);
+    if (requested && !supervisor_.Alive() && EnsureTgtd()) {
+      // It died during the reconcile: the new one gets the whole state.
+      result = ReconcileResult();
+      Apply(desired, &result);
+    }
   } else {
     load_failed_ = true;
   }
@@ -428,7 +450,7 @@ int Daemon::Run() {
   const auto check_interval = std::chrono::milliseconds(std::max(options_.checkIntervalMs, 100));
   auto next_reconcile = Clock::now() + interval;
   auto next_check = Clock::now() + check_interval;
-  auto next_tgtd_start = Clock::now();
+  next_tgtd_start_ = Clock::now();
   while (!stopping_) {
     auto wait = std::chrono::duration_cast<std::chrono::milliseconds>(
         std::min(next_reconcile, next_check) - Clock::now());
@@ -462,17 +484,11 @@ int Daemon::Run() {
 
     if (reconciler_ && !supervisor_.Alive()) {
       reconciler_.reset();
-      next_tgtd_start = Clock::now();
+      next_tgtd_start_ = Clock::now();
     }
-    if (!reconciler_ && Clock::now() >= next_tgtd_start) {
-      if (StartTgtd(&problem)) {
-        Reconcile(true);
-        next_reconcile = Clock::now() + interval;
-      } else {
-        LogProblems({problem});
-        last_problems_ = {problem};
-        next_tgtd_start = Clock::now() + std::chrono::milliseconds(kTgtdRetryMs);
-      }
+    if (!reconciler_ && Clock::now() >= next_tgtd_start_ && EnsureTgtd()) {
+      Reconcile(true);
+      next_reconcile = Clock::now() + interval;
     }
     if (Clock::now() >= next_reconcile) {
       if (reconciler_) Reconcile(false);

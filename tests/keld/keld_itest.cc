@@ -201,6 +201,16 @@ TEST(KeldProgram, CrashedPiecesAreCleanedUpOrRepaired) {
       kLiveness));
   EXPECT_TRUE(kel::testing::WaitForPort(address, port, std::chrono::milliseconds(5000)));
 
+  // tgtd dies just before a reload: the reload replaces it rather than failing.
+  const int second_tgtd = host.TgtdPid();
+  kill(second_tgtd, SIGKILL);
+  CommandResult reload = host.Keld({"reload"});
+  EXPECT_EQ(reload.exit_code, 0) << reload.err;
+  auto served = nlohmann::json::parse(host.Keld({"status", "--json"}).out);
+  EXPECT_NE(served["tgtdPid"], second_tgtd);
+  EXPECT_TRUE(ProcessAlive(served["tgtdPid"].get<int>()));
+  EXPECT_EQ(served["targets"].size(), 1u);
+
   // keld dies: its tgtd lingers until io_stop (or the next restart) stops it by its PID.
   int tgtd = host.TgtdPid();
   kill(host.KeldPid(), SIGKILL);
