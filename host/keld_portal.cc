@@ -60,8 +60,12 @@ bool PortalResolver::Finish(const std::string& target, const DesiredPortal& port
   out->text = PortalText(address, portal.port);
   std::string& last = announced_[key];
   if (last != address) {
-    LogInfo("%s: creating new nuknic portal for %s on %s:%s\n", "keld", target.c_str(),
-            address.c_str(), port.c_str());
+    // The line names the interface the portal is for; a portal given by address is no nuknic
+    // portal and is not announced.
+    if (!portal.interfaceName.empty()) {
+      LogInfo("%s: creating new nuknic portal for %s on %s:%s\n", "keld",
+              portal.interfaceName.c_str(), address.c_str(), port.c_str());
+    }
     last = address;
   }
   return true;

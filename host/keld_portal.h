@@ -23,8 +23,9 @@ bool operator==(const ResolvedPortal& a, const ResolvedPortal& b);
 // Resolvers are used from the daemon's one thread (only the `wake` function given to Watch may be
 // called from elsewhere).
 //
-// Every resolver logs "keld: creating new nuknic portal for <target> on <address>:<port>" when a
-// target's portal resolves to an address it did not resolve to before, and reports an address
+// Every resolver logs "keld: creating new nuknic portal for <interface> on <address>:<port>" when
+// a target's interface portal resolves to an address it did not resolve to before (once per
+// target while it is served; portals given by address are not announced), and reports an address
 // that getaddrinfo refuses as "Failed to get address info for <address>:<port>." (logged once per
 // target and portal while the failure lasts).
 class PortalResolver {
