@@ -325,8 +325,7 @@ TEST_F(ReconcilerTest, PortalsResolveInterfacesAndReportAddressesThatCannotBeHad
   EXPECT_EQ(OutcomeOf(r.problems), Outcome::kFailure);
   EXPECT_EQ(OutcomeOf({r.problems[1]}), Outcome::kReservation);
   EXPECT_EQ(tgtd_.portals, std::vector<std::string>{"[::1]:3261"});
-  EXPECT_TRUE(
-      capture.Contains("keld: creating new nuknic portal for nuk1 on ::1:3261"))
+  EXPECT_TRUE(capture.Contains("keld: creating new nuknic portal for nuk1 on ::1:3261"))
       << capture.Joined();
   // Every target is served all the same (tgtd serves all targets on all portals).
   EXPECT_NE(tgtd_.Find(kA), nullptr);
