@@ -44,12 +44,19 @@ class SinkRegistration : public kel::log::Sink {
 };
 
 // The program's help followed by the help of every verb of every noun, options included.
+// The help of every command below `app`, at any depth (e.g. "host maintenance enter"); `prefix` is
+// the command line that leads to `app`.
+void AppendCommandHelp(const CLI::App& app, const std::string& prefix, std::string* text) {
+  for (const CLI::App* sub : app.get_subcommands({})) {
+    *text += "\n" + sub->help(prefix);
+    AppendCommandHelp(*sub, prefix + " " + sub->get_name(), text);
+  }
+}
+
 std::string FullHelp(const CLI::App& app) {
   std::string text = app.help();
   for (const CLI::App* noun : app.get_subcommands({})) {
-    for (const CLI::App* verb : noun->get_subcommands({})) {
-      text += "\n" + verb->help(app.get_name() + " " + noun->get_name());
-    }
+    AppendCommandHelp(*noun, app.get_name() + " " + noun->get_name(), &text);
   }
   return text;
 }
