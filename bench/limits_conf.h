@@ -6,15 +6,19 @@
 
 #include <string>
 
+#include "conf/parser_edit.h"
+
 struct conf;
 
 namespace kel {
 namespace bench {
 
-constexpr int kTargets = 128;
-constexpr int kLunsPerTarget = 8;
-constexpr int kInitiatorGroups = 256;
-constexpr int kInitiatorsPerGroup = 32;
+namespace limits = NukCtl::Orsa::IscsiTarget::Parser;
+
+constexpr int kTargets = limits::kMaxTargets;
+constexpr int kLunsPerTarget = limits::kMaxLuns / limits::kMaxTargets;
+constexpr int kInitiatorGroups = limits::kMaxInitiatorGroups;
+constexpr int kInitiatorsPerGroup = limits::kMaxInitiators / limits::kMaxInitiatorGroups;
 constexpr int kNics = 4;
 
 // A well-formed UUID text, distinct for every (kind, n).

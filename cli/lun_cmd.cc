@@ -49,13 +49,20 @@ LunInfo FindAdded(CliContext& ctx, const LunInfo& added) {
   return added;
 }
 
-void Add(CliContext& ctx, const LunOptions& o) {
+// The LUN record that the options describe; the status only matters to an update.
+LunInfo ToLunInfo(const LunOptions& o) {
   LunInfo lun;
   lun.id = o.id;
   lun.targetAlias = o.target;
   lun.sizeText = o.size;
   lun.alias = o.alias;
   lun.storagePolicy = o.policy;
+  lun.status = o.status;
+  return lun;
+}
+
+void Add(CliContext& ctx, const LunOptions& o) {
+  LunInfo lun = ToLunInfo(o);
   ctx.Service().AddLun(lun);
   const LunInfo added = FindAdded(ctx, lun);
   if (ctx.json) {
@@ -67,16 +74,9 @@ void Add(CliContext& ctx, const LunOptions& o) {
 
 // Options not given are empty (or -1), which the service reads as "keep".
 void Update(CliContext& ctx, const LunOptions& o) {
-  LunInfo lun;
-  lun.id = o.id;
-  lun.targetAlias = o.target;
-  lun.sizeText = o.size;
-  lun.alias = o.alias;
-  lun.storagePolicy = o.policy;
-  lun.status = o.status;
+  LunInfo lun = ToLunInfo(o);
   ctx.Service().UpdateLun(lun, o.newId, o.newTarget, true);
-  if (ctx.json)
-    PrintJson(std::cout, nlohmann::json(ctx.Service().GetLunInfo(lun.targetAlias, lun.id)));
+  if (ctx.json) PrintJson(std::cout, nlohmann::json(ctx.Service().GetLunInfo(o.target, o.id)));
 }
 
 void List(CliContext& ctx, const std::string& target, bool compliance) {
