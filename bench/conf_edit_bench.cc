@@ -23,9 +23,9 @@
 #include "bench/limits_conf.h"
 #include "conf/conf.h"
 #include "conf/conf_handle.h"
+#include "conf/paths.h"
 #include "conf/writer.h"
 #include "platform/host_config.h"
-#include "storage/paths.h"
 
 namespace {
 

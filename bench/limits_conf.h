@@ -6,7 +6,7 @@
 
 #include <string>
 
-#include "conf/parser_edit.h"
+#include "confedit/parser_edit.h"
 
 struct conf;
 

@@ -12,13 +12,13 @@
 #include <string>
 #include <vector>
 
+#include "conf/paths.h"
 #include "platform/fs.h"
 #include "platform/host_config.h"
 #include "platform/policy.h"
-#include "service/records.h"
+#include "records/records.h"
 #include "storage/lun_disk.h"
 #include "storage/namespace.h"
-#include "storage/paths.h"
 #include "storage/policy_ops.h"
 
 namespace {

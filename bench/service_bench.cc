@@ -21,6 +21,7 @@
 #include <string>
 #include <vector>
 
+#include "conf/paths.h"
 #include "directory/config_cache.h"
 #include "platform/directory.h"
 #include "platform/disk_lun_api.h"
@@ -28,7 +29,6 @@
 #include "platform/host_config.h"
 #include "service/orsa_async_plugin.h"
 #include "storage/namespace.h"
-#include "storage/paths.h"
 
 namespace {
 

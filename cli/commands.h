@@ -9,7 +9,7 @@
 
 #include "cli/cli_common.h"
 #include "conf/conf_ptr.h"
-#include "service/records.h"
+#include "records/records.h"
 
 namespace kel {
 namespace cli {

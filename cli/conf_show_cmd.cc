@@ -11,7 +11,7 @@
 #include "conf/conf.h"
 #include "conf/conf_handle.h"
 #include "directory/extraction.h"
-#include "service/records_json.h"
+#include "records/records_json.h"
 
 namespace kel {
 namespace cli {

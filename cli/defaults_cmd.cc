@@ -4,7 +4,7 @@
 #include <memory>
 
 #include "cli/commands.h"
-#include "service/records_json.h"
+#include "records/records_json.h"
 
 namespace kel {
 namespace cli {

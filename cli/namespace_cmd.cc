@@ -5,7 +5,7 @@
 
 #include "cli/commands.h"
 #include "platform/network.h"
-#include "service/records_json.h"
+#include "records/records_json.h"
 
 namespace kel {
 namespace cli {

@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "cli/commands.h"
-#include "service/records_json.h"
+#include "records/records_json.h"
 
 namespace kel {
 namespace cli {

@@ -1,9 +1,9 @@
 #include "conf/conf_backup.h"
 
 #include "conf/conf_handle.h"
+#include "conf/paths.h"
 #include "platform/exception.h"
 #include "platform/log.h"
-#include "storage/paths.h"
 
 namespace NukCtl {
 namespace Orsa {

@@ -9,18 +9,16 @@
 #include <cerrno>
 #include <cstring>
 #include <functional>
-#include <map>
 #include <utility>
 #include <vector>
 
 #include "conf/conf.h"
 #include "conf/conf_file.h"
-#include "conf/parser_internal.h"
+#include "conf/paths.h"
 #include "conf/writer.h"
 #include "platform/exception.h"
 #include "platform/host_config.h"
 #include "platform/log.h"
-#include "storage/paths.h"
 
 namespace NukCtl {
 namespace Orsa {
@@ -74,37 +72,11 @@ class StreamCloser {
   FILE* stream_;
 };
 
-// The datastore steps of the edits in progress, by handle (see Parser::internal::
-// AddDatastoreStep). Kept beside the handles so that their interface stays that of a file.
-struct DatastoreStep {
-  std::function<void()> undo;
-  std::function<void()> commit;
-};
-std::mutex gStepsMutex;
-std::map<const ConfHandle*, std::vector<DatastoreStep>> gSteps;  // guarded by gStepsMutex
-
-std::vector<DatastoreStep> TakeSteps(const ConfHandle* handle) {
-  std::lock_guard<std::mutex> guard(gStepsMutex);
-  auto it = gSteps.find(handle);
-  if (it == gSteps.end()) return {};
-  std::vector<DatastoreStep> steps = std::move(it->second);
-  gSteps.erase(it);
-  return steps;
-}
-
 }  // namespace
 
-namespace Parser {
-namespace internal {
-
-void AddDatastoreStep(ConfHandle& handle, std::function<void()> undo,
-                      std::function<void()> commit) {
-  std::lock_guard<std::mutex> guard(gStepsMutex);
-  gSteps[&handle].push_back({std::move(undo), std::move(commit)});
+void ConfHandle::AddDatastoreStep(std::function<void()> undo, std::function<void()> commit) {
+  steps_.push_back({std::move(undo), std::move(commit)});
 }
-
-}  // namespace internal
-}  // namespace Parser
 
 std::mutex ConfHandle::_fileLock;
 
@@ -126,7 +98,8 @@ ConfHandle::ConfHandle(int mode) : mode_(mode) {
 ConfHandle::~ConfHandle() {
   // Steps not followed by a write: the file still describes the datastore as it was before them,
   // so they are undone while the lock still keeps everyone else out.
-  std::vector<DatastoreStep> steps = TakeSteps(this);
+  std::vector<DatastoreStep> steps = std::move(steps_);
+  steps_.clear();
   for (auto it = steps.rbegin(); it != steps.rend(); ++it) {
     if (it->undo) it->undo();
   }
@@ -210,7 +183,9 @@ uint64_t ConfHandle::WriteConfFile() {
   // The swap happened when the temporary handle was taken over (also when only the directory sync
   // after it failed): the file now describes the datastore after the edit's steps.
   if (!temp.Valid()) {
-    for (DatastoreStep& step : TakeSteps(this)) {
+    std::vector<DatastoreStep> steps = std::move(steps_);
+    steps_.clear();
+    for (DatastoreStep& step : steps) {
       if (step.commit) step.commit();
     }
   }

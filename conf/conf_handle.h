@@ -12,8 +12,10 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <functional>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include "platform/fio.h"
 
@@ -42,10 +44,20 @@ class ConfHandle {
   void UpdateBackupConfigFile();
   uint64_t GetCurrentGenerationNum() const;
 
-  struct conf* GetConf() const { return conf_; }
+  struct conf* GetConf() const {
+    return conf_;
+  }
   // Takes the model away from the handle; the caller deletes it with conf_delete.
   struct conf* ReleaseConf();
   const std::string& GetPath() const { return path_; }
+
+  // A step an edit takes on the datastore before the file is written (a LUN's disk moved to
+  // another target's namespace), tied to this handle so that the datastore and the file never
+  // disagree: `undo` runs when the handle is destroyed without a write that swapped the file in
+  // after the step was added (reverse order of adding); `commit` runs right after such a write,
+  // still under the lock (clean-up that must wait for the file, such as removing the files the
+  // step made obsolete). Both must not throw; they log their own failures.
+  void AddDatastoreStep(std::function<void()> undo, std::function<void()> commit);
 
   // Path of the backup copy (<stateDir>/log/kel.conf.backup).
   static std::string BackupPath();
@@ -60,11 +72,17 @@ class ConfHandle {
   void _WriteConfigToFile(FILE* stream);
   void CloseAndUnlockConfFile();
 
+  struct DatastoreStep {
+    std::function<void()> undo;
+    std::function<void()> commit;
+  };
+
   struct conf* conf_ = nullptr;
   std::string path_;
   FioHandle file_;
   std::string lockType_;
   int mode_ = kShared;
+  std::vector<DatastoreStep> steps_;  // datastore steps of the edit in progress
 
   static std::mutex _fileLock;  // serialises parses within the process
 };

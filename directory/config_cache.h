@@ -20,7 +20,7 @@
 #include <vector>
 
 #include "platform/status.h"
-#include "service/records.h"
+#include "records/records.h"
 
 struct conf;
 

@@ -1,5 +1,5 @@
 // Record extraction: turns a configuration model (conf/conf.h) into the records that cross the
-// management interface (service/records.h).
+// management interface (records/records.h).
 //
 // Pure conversion: the model is only read, and no lock is taken here; callers hold whatever
 // protects the model (the configuration cache's lock, or the ConfHandle that read it). Every
@@ -14,7 +14,7 @@
 #include <string>
 #include <vector>
 
-#include "service/records.h"
+#include "records/records.h"
 
 struct conf;
 struct auth;

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <map>
 
-#include "placement/consist_hash.h"
 #include "platform/clock.h"
 #include "platform/exception.h"
 #include "platform/host_config.h"
@@ -27,10 +26,6 @@ std::shared_ptr<Directory> Dir() { return kel::platform::GetDirectory(); }
   throw HostCtl::Lib::Orsa::OrsaCtlException(what + ": " + NUK_ReturnStatusToString(st));
 }
 
-bool Eligible(const MemberRecord& m) {
-  return !m.witness && !m.maintenance && m.decommission.empty();
-}
-
 bool OnEmbeddedDirectory() {
   return kel::platform::CurrentHostConfig()->directoryBackend != "etcd";
 }
@@ -42,6 +37,10 @@ std::string Canonical(const std::string& uuid) {
 }
 
 }  // namespace
+
+bool IsEligibleMember(const MemberRecord& m) {
+  return !m.witness && !m.maintenance && m.decommission.empty();
+}
 
 std::string GetNodeUuid() { return kel::platform::DirUuidToText(Dir()->SelfUuid()); }
 
@@ -55,7 +54,7 @@ std::vector<MemberRecord> GetClusterMembers() {
 std::vector<std::string> GetEligibleHosts(const std::string& site) {
   std::vector<std::string> hosts;
   for (const MemberRecord& m : GetClusterMembers()) {
-    if (!Eligible(m)) {
+    if (!IsEligibleMember(m)) {
       LogInfo("%s: Skip node(%s)", kTag, m.uuid.c_str());
       continue;
     }
@@ -200,41 +199,6 @@ void LeaveCluster() {
 void JoinCluster() {
   NUK_ReturnStatus st = Dir()->JoinCluster();
   if (st != NUK_OK) Fail("Failed to join the cluster", st);
-}
-
-int ClaimOrphanedObjects() {
-  int claimed = 0;
-  try {
-    auto dir = Dir();
-    std::string self = GetNodeUuid();
-    std::set<std::string> live;
-    std::map<std::string, int> weights;
-    for (const MemberRecord& m : GetClusterMembers()) {
-      live.insert(m.uuid);
-      if (Eligible(m)) weights[m.uuid] = 1;
-    }
-    if (weights.count(self) == 0) return 0;  // a host that cannot serve claims nothing
-    std::map<std::string, ObjectOwner> owners;
-    NUK_ReturnStatus st = dir->ListObjectOwners(&owners);
-    if (st != NUK_OK) Fail("Failed to list object owners", st);
-    ConsistHash ring(weights);
-    for (const auto& kv : owners) {
-      if (live.count(kv.second.hostUuid) != 0) continue;
-      if (ring.FindHashNode(kv.first) != self) continue;
-      st = dir->CompareAndSwapObjectOwner(kv.first, kv.second.revision, self);
-      if (st == NUK_OK) {
-        ++claimed;
-        LogInfo("%s: Claimed orphaned target object %s of departed host %s", kTag, kv.first.c_str(),
-                kv.second.hostUuid.c_str());
-      } else {
-        LogInfo("%s: Orphaned target object %s not claimed (%s)", kTag, kv.first.c_str(),
-                NUK_ReturnStatusToString(st));
-      }
-    }
-  } catch (const HostCtl::Lib::Orsa::OrsaCtlException& e) {
-    LogWarning("%s: Failed to claim orphaned target objects: %s", kTag, e.GetMessage().c_str());
-  }
-  return claimed;
 }
 
 }  // namespace Util

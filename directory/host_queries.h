@@ -26,6 +26,9 @@ namespace Util {
 // This host's node UUID (8-4-4-4-12).
 std::string GetNodeUuid();
 
+// Whether a member can serve targets: not a witness, not in maintenance, not decommissioned.
+bool IsEligibleMember(const kel::platform::MemberRecord& member);
+
 // Live members, ordered by UUID.
 std::vector<kel::platform::MemberRecord> GetClusterMembers();
 
@@ -70,12 +73,6 @@ void ExitMaintenanceMode();
 // This host leaves / joins the cluster membership. Throw on failure.
 void LeaveCluster();
 void JoinCluster();
-
-// Claims, by compare-and-swap, every object whose owner has no live member record and that the
-// consistent hash over the live eligible hosts assigns to this host. Every host runs it (within a
-// lease TTL of a host's death), and all of them compute the same assignment, so each orphan is
-// claimed once. Returns the number claimed; directory failures are logged and end the pass.
-int ClaimOrphanedObjects();
 
 }  // namespace Util
 }  // namespace IscsiTarget

@@ -8,13 +8,13 @@
 
 #include "conf/conf.h"
 #include "conf/conf_handle.h"
+#include "conf/paths.h"
 #include "platform/exception.h"
 #include "platform/exec.h"
 #include "platform/host_config.h"
 #include "platform/host_controls.h"
 #include "platform/log.h"
 #include "platform/settings.h"
-#include "storage/paths.h"
 
 namespace NukCtl {
 namespace Orsa {

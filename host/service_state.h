@@ -4,7 +4,7 @@
 // Thread-safety: all functions are thread-safe (the store caches under its own mutex).
 #pragma once
 
-#include "service/records.h"
+#include "records/records.h"
 
 namespace NukCtl {
 namespace Orsa {

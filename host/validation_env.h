@@ -15,7 +15,7 @@
 #include <string>
 #include <vector>
 
-#include "service/records.h"
+#include "records/records.h"
 
 namespace NukCtl {
 namespace Orsa {

@@ -1,12 +1,12 @@
 // keld: serves kel's targets through tgtd. The service drives it as
-// "keld ++group=serad-tmp restart|reload|io_stop"; the work is in host/keld_control.h.
+// "keld ++group=serad-tmp restart|reload|io_stop"; the work is in keld/control.h.
 #include <CLI/CLI.hpp>
 #include <cstring>
 #include <iostream>
 #include <string>
 #include <vector>
 
-#include "host/keld_control.h"
+#include "keld/control.h"
 
 int main(int argc, char** argv) {
   // "++group=<name>" names the resource group the init script ran in; it means nothing here.

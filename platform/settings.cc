@@ -13,7 +13,7 @@
 #include "platform/exception.h"
 #include "platform/host_config.h"
 #include "platform/unique_fd.h"
-#include "service/records_json.h"
+#include "records/records_json.h"
 
 namespace kel {
 namespace platform {

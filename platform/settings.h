@@ -17,7 +17,7 @@
 #include <functional>
 #include <string>
 
-#include "service/records.h"
+#include "records/records.h"
 
 namespace kel {
 namespace platform {

@@ -1,7 +1,8 @@
 // Initiator groups and the configuration namespace.
 #include <boost/thread/lock_types.hpp>
 
-#include "conf/parser_edit.h"
+#include "conf/paths.h"
+#include "confedit/parser_edit.h"
 #include "host/service_state.h"
 #include "host/validation.h"
 #include "platform/exception.h"
@@ -10,7 +11,6 @@
 #include "service/service_internal.h"
 #include "service/service_locks.h"
 #include "storage/namespace.h"
-#include "storage/paths.h"
 #include "storage/policy_ops.h"
 
 namespace NukCtl {

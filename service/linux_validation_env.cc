@@ -4,7 +4,7 @@
 
 #include <mutex>
 
-#include "conf/parser_edit.h"
+#include "confedit/parser_edit.h"
 #include "platform/datastore.h"
 #include "platform/exception.h"
 #include "platform/host_config.h"

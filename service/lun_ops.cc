@@ -2,7 +2,8 @@
 #include <boost/thread/lock_types.hpp>
 
 #include "conf/conf_handle.h"
-#include "conf/parser_edit.h"
+#include "conf/paths.h"
+#include "confedit/parser_edit.h"
 #include "directory/config_cache.h"
 #include "host/validation.h"
 #include "platform/clock.h"
@@ -16,7 +17,6 @@
 #include "service/service_locks.h"
 #include "storage/lun_disk.h"
 #include "storage/namespace.h"
-#include "storage/paths.h"
 #include "storage/policy_ops.h"
 
 namespace NukCtl {

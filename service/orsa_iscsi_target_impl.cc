@@ -4,7 +4,7 @@
 
 #include <boost/thread/lock_types.hpp>
 
-#include "conf/parser_edit.h"
+#include "confedit/parser_edit.h"
 #include "directory/config_cache.h"
 #include "host/service_state.h"
 #include "platform/exception.h"

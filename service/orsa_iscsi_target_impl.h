@@ -74,7 +74,7 @@ class OrsaIscsiTargetImpl : public virtual HostCtl::Orsa::IscsiTarget::OrsaIscsi
   // removed again; when only the change action after the write fails, the target stays (it is in
   // the file) and the error is still thrown.
   void AddTarget(TargetCreateParam& param) override;
-  // Update semantics of conf/parser_edit.h; a new IQN is checked like one on creation. A given
+  // Update semantics of confedit/parser_edit.h; a new IQN is checked like one on creation. A given
   // policy is applied to the namespace object before the write and put back if the write fails.
   void UpdateTargetConfig(TargetCreateParam& param) override;
   // Offline first (written and reloaded), then the namespace with its disks, then the entry, then

@@ -5,7 +5,7 @@
 #include <boost/thread/thread.hpp>
 
 #include "conf/conf_handle.h"
-#include "conf/parser_edit.h"
+#include "confedit/parser_edit.h"
 #include "directory/config_cache.h"
 #include "directory/config_entry.h"
 #include "directory/interface_publication.h"

@@ -7,7 +7,8 @@
 #include <set>
 
 #include "conf/conf_handle.h"
-#include "conf/parser_edit.h"
+#include "conf/paths.h"
+#include "confedit/parser_edit.h"
 #include "directory/config_entry.h"
 #include "directory/host_queries.h"
 #include "host/daemon_control.h"
@@ -24,7 +25,6 @@
 #include "service/service_internal.h"
 #include "service/service_locks.h"
 #include "storage/namespace.h"
-#include "storage/paths.h"
 #include "storage/policy_ops.h"
 
 namespace NukCtl {

@@ -11,6 +11,7 @@
 
 #include "conf/conf.h"
 #include "conf/conf_handle.h"
+#include "conf/paths.h"
 #include "platform/clock.h"
 #include "platform/datastore.h"
 #include "platform/disk_lun_api.h"
@@ -21,7 +22,6 @@
 #include "platform/policy.h"
 #include "platform/vdisk.h"
 #include "storage/namespace.h"
-#include "storage/paths.h"
 
 namespace NukCtl {
 namespace Orsa {

@@ -6,6 +6,7 @@
 #include <climits>
 #include <string>
 
+#include "conf/paths.h"
 #include "platform/clock.h"
 #include "platform/clog.h"
 #include "platform/disk_lun_api.h"
@@ -13,7 +14,6 @@
 #include "platform/fio.h"
 #include "platform/fs.h"
 #include "platform/log.h"
-#include "storage/paths.h"
 
 namespace NukCtl {
 namespace Orsa {

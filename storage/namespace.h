@@ -1,6 +1,6 @@
 // Namespace objects of the service on the datastore: the configuration namespace (".iSCSI-CONFIG",
 // holding kel.conf and the targets directory) and one namespace per target, linked from
-// ".iSCSI-CONFIG/targets/<uuid>" -> "../../<uuid>". See storage/paths.h for the layout.
+// ".iSCSI-CONFIG/targets/<uuid>" -> "../../<uuid>". See conf/paths.h for the layout.
 //
 // Every function logs with the tag "Util", throws HostCtl::Lib::Orsa::OrsaCtlException with the
 // system's messages, and runs on the caller's thread. Every storage call gets its own operation

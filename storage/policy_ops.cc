@@ -4,6 +4,7 @@
 
 #include <vector>
 
+#include "conf/paths.h"
 #include "platform/datastore.h"
 #include "platform/exception.h"
 #include "platform/fs.h"
@@ -11,7 +12,6 @@
 #include "platform/policy.h"
 #include "storage/lun_disk.h"
 #include "storage/namespace.h"
-#include "storage/paths.h"
 
 namespace NukCtl {
 namespace Orsa {

@@ -12,7 +12,7 @@
 #include <string>
 
 #include "platform/policy.h"
-#include "service/records.h"
+#include "records/records.h"
 
 namespace NukCtl {
 namespace Orsa {

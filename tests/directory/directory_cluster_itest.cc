@@ -15,6 +15,7 @@
 #include "directory/config_entry.h"
 #include "directory/host_queries.h"
 #include "directory/interface_publication.h"
+#include "placement/orphan_claim.h"
 #include "platform/clog.h"
 #include "platform/directory_etcd.h"
 #include "platform/log.h"

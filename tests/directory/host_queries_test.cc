@@ -12,6 +12,7 @@
 #include <thread>
 
 #include "directory/interface_publication.h"
+#include "placement/orphan_claim.h"
 #include "platform/clock.h"
 #include "platform/exception.h"
 #include "platform/log.h"

@@ -7,7 +7,7 @@
 
 #include <sstream>
 
-#include "host/tgtd_supervisor.h"
+#include "keld/tgtd_supervisor.h"
 #include "tests/support/test_host.h"
 
 namespace kel {

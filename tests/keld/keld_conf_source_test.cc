@@ -1,5 +1,3 @@
-#include "host/keld_conf_source.h"
-
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -10,7 +8,8 @@
 #include <vector>
 
 #include "directory/config_entry.h"
-#include "host/keld_json_source.h"
+#include "keld/conf_source.h"
+#include "keld/json_source.h"
 #include "platform/exception.h"
 #include "platform/log.h"
 #include "tests/keld/keld_test_helpers.h"

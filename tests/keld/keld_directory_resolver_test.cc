@@ -1,5 +1,3 @@
-#include "host/keld_directory_resolver.h"
-
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 
@@ -11,6 +9,7 @@
 #include <thread>
 
 #include "directory/interface_publication.h"
+#include "keld/directory_resolver.h"
 #include "platform/directory.h"
 #include "platform/log.h"
 #include "platform/testing/fake_directory.h"

@@ -10,9 +10,9 @@
 #include <nlohmann/json.hpp>
 #include <string>
 
-#include "host/keld_disk_lock.h"
-#include "host/tgt_admin.h"
-#include "host/tgtd_supervisor.h"
+#include "keld/disk_lock.h"
+#include "keld/tgt_admin.h"
+#include "keld/tgtd_supervisor.h"
 #include "tests/keld/keld_test_helpers.h"
 #include "tests/support/test_support.h"
 

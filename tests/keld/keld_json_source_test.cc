@@ -1,9 +1,8 @@
-#include "host/keld_json_source.h"
-
 #include <gtest/gtest.h>
 
 #include <string>
 
+#include "keld/json_source.h"
 #include "platform/exception.h"
 #include "tests/support/test_support.h"
 

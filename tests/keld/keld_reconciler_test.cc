@@ -1,5 +1,3 @@
-#include "host/keld_reconciler.h"
-
 #include <gtest/gtest.h>
 
 #include <map>
@@ -7,10 +5,11 @@
 #include <string>
 #include <vector>
 
-#include "host/keld_disk_lock.h"
-#include "host/keld_outcome.h"
-#include "host/keld_portal.h"
-#include "host/testing/tgt_admin_fake.h"
+#include "keld/disk_lock.h"
+#include "keld/outcome.h"
+#include "keld/portal.h"
+#include "keld/reconciler.h"
+#include "keld/testing/tgt_admin_fake.h"
 #include "platform/host_config.h"
 #include "platform/log.h"
 #include "tests/keld/keld_test_helpers.h"

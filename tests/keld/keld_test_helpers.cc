@@ -9,7 +9,7 @@
 #include <stdexcept>
 #include <thread>
 
-#include "host/keld_json_source.h"
+#include "keld/json_source.h"
 #include "platform/clog.h"
 #include "platform/directory.h"
 #include "tests/support/test_host.h"

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "host/keld_state.h"
+#include "keld/state.h"
 #include "platform/host_config.h"
 #include "tests/support/test_support.h"
 

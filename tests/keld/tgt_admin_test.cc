@@ -1,4 +1,4 @@
-#include "host/tgt_admin.h"
+#include "keld/tgt_admin.h"
 
 #include <gtest/gtest.h>
 

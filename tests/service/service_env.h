@@ -5,12 +5,12 @@
 #include <memory>
 #include <string>
 
+#include "conf/paths.h"
 #include "directory/config_cache.h"
 #include "platform/directory.h"
 #include "platform/exception.h"
 #include "service/orsa_async_plugin.h"
 #include "service/orsa_iscsi_target_impl.h"
-#include "storage/paths.h"
 #include "tests/support/test_host.h"
 
 namespace kel {

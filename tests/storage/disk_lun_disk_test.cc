@@ -13,6 +13,7 @@
 #include <set>
 
 #include "conf/conf.h"
+#include "conf/paths.h"
 #include "platform/clock.h"
 #include "platform/datastore.h"
 #include "platform/exception.h"
@@ -23,7 +24,6 @@
 #include "platform/vdisk.h"
 #include "storage/lun_disk.h"
 #include "storage/namespace.h"
-#include "storage/paths.h"
 #include "tests/support/test_host.h"
 
 namespace NukCtl {

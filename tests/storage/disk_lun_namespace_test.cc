@@ -9,6 +9,7 @@
 #include <functional>
 #include <regex>
 
+#include "conf/paths.h"
 #include "platform/clock.h"
 #include "platform/clog.h"
 #include "platform/datastore.h"
@@ -17,7 +18,6 @@
 #include "platform/policy.h"
 #include "platform/testing/fault_fs.h"
 #include "storage/namespace.h"
-#include "storage/paths.h"
 #include "tests/support/test_host.h"
 
 namespace NukCtl {

@@ -6,12 +6,12 @@
 
 #include <functional>
 
+#include "conf/paths.h"
 #include "platform/datastore.h"
 #include "platform/exception.h"
 #include "platform/policy.h"
 #include "storage/lun_disk.h"
 #include "storage/namespace.h"
-#include "storage/paths.h"
 #include "tests/support/test_host.h"
 
 namespace NukCtl {

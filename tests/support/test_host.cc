@@ -13,8 +13,9 @@
 #include <nlohmann/json.hpp>
 
 #include "conf/conf_handle.h"
-#include "conf/parser_edit.h"
+#include "conf/paths.h"
 #include "conf/writer.h"
+#include "confedit/parser_edit.h"
 #include "directory/config_cache.h"
 #include "directory/config_entry.h"
 #include "platform/clog.h"
@@ -23,7 +24,6 @@
 #include "platform/exec.h"
 #include "platform/settings.h"
 #include "storage/namespace.h"
-#include "storage/paths.h"
 
 namespace kel {
 namespace testing {

@@ -16,7 +16,7 @@
 #include "platform/clock.h"
 #include "platform/directory.h"
 #include "platform/host_config.h"
-#include "service/records_json.h"
+#include "records/records_json.h"
 #include "tests/support/test_support.h"
 
 namespace kel {
