@@ -1,13 +1,13 @@
 // Site affinity checks: whether a target may be pinned to a site of a stretched cluster, and
-// whether a target's site agrees with its storage policy's locality.
+// whether a target's site agrees with its storage policy's locality, and the periodic check that
+// keeps pinned targets in their site.
 //
 // A stretched cluster spreads its hosts over two fault domains (sites), "Preferred" and
 // "NonPreferred". A target pinned to a site (`affinitySite`) must be served from that site, so its
 // storage policy must not ask for the other site's locality.
 //
 // Every check logs with the tag "Util" and throws HostCtl::Lib::Orsa::OrsaCtlException with the
-// system's message; none of them changes anything. Moving a target whose owner is outside its
-// site is not done here (the control thread's periodic check does that).
+// system's message; none of them changes anything.
 //
 // Thread-safety: all functions may run concurrently.
 #pragma once
@@ -55,6 +55,13 @@ void VerifyNewTargetAffinity(const HostCtl::Orsa::IscsiTarget::TargetCreateParam
 void VerifyUpdateTargetAffinity(OrsaComplianceHandle* handle,
                                 const HostCtl::Orsa::IscsiTarget::TargetCreateParam& param,
                                 const HostCtl::Orsa::IscsiTarget::TargetInfo& current);
+
+// The control thread's periodic check: every local target pinned to a site is brought back to an
+// eligible host of that site when this host is not one. Never throws: failures are logged.
+void CheckLocalTargetAffinity();
+// Re-reads which targets are local after a failed control pass, so that the next pass starts from
+// what the directory says. Never throws.
+void ValidateLocalTargetsInfo();
 
 }  // namespace Util
 }  // namespace IscsiTarget
