@@ -32,6 +32,7 @@ void AddTargetCommands(CLI::App& app, CliContext& ctx);          // cli/target_c
 void AddLunCommands(CLI::App& app, CliContext& ctx);             // cli/lun_cmd.cc
 void AddInitiatorGroupCommands(CLI::App& app, CliContext& ctx);  // cli/initiator_group_cmd.cc
 void AddHostCommands(CLI::App& app, CliContext& ctx);            // cli/host_cmd.cc
+void AddClusterCommands(CLI::App& app, CliContext& ctx);         // cli/cluster_cmd.cc
 
 // One row per LUN, with its NAA identifier (cli/lun_cmd.cc); the compliance column is "-" unless
 // the records were queried for it.

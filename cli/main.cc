@@ -24,6 +24,7 @@ int main(int argc, char** argv) {
   kel::cli::AddLunCommands(app, ctx);
   kel::cli::AddInitiatorGroupCommands(app, ctx);
   kel::cli::AddHostCommands(app, ctx);
+  kel::cli::AddClusterCommands(app, ctx);
 
   return kel::cli::Main(app, ctx, argc, argv);
 }

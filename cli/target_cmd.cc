@@ -1,11 +1,13 @@
 // kelctl target add|update|remove|show|list|transfer|transfer-local. Secrets are never printed:
 // the service's target records do not carry them.
 #include <iostream>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "cli/commands.h"
+#include "directory/host_queries.h"
 #include "records/records_json.h"
 
 namespace kel {
@@ -147,21 +149,35 @@ void Show(CliContext& ctx, const std::string& alias) {
 
 void List(CliContext& ctx, bool local, bool skipCompliance) {
   const std::vector<TargetInfo> targets = ctx.Service().GetTargets(skipCompliance, local);
+  // The owner's site, which the target records do not carry.
+  std::map<std::string, std::string> sites;
+  for (const auto& m : NukCtl::Orsa::IscsiTarget::Util::GetClusterMembers()) sites[m.uuid] = m.site;
+  auto ownerSite = [&sites](const TargetInfo& t) {
+    auto it = sites.find(t.ownerHostUuid);
+    return it != sites.end() ? it->second : std::string();
+  };
   if (ctx.json) {
-    PrintJson(std::cout, nlohmann::json(targets));
+    nlohmann::json doc = nlohmann::json::array();
+    for (const TargetInfo& t : targets) {
+      nlohmann::json record(t);
+      record["ownerHostSite"] = ownerSite(t);
+      doc.push_back(std::move(record));
+    }
+    PrintJson(std::cout, doc);
     return;
   }
   std::vector<std::vector<std::string>> rows;
   for (const TargetInfo& t : targets) {
     rows.push_back({t.alias, t.iqn, OrDash(t.networkInterface), std::to_string(t.port),
                     OrDash(t.authType), OrDash(t.chapName), OrDash(t.mutualChapName),
-                    OrDash(t.affinitySite), OrDash(t.ownerHostName), OrDash(t.storagePolicy),
+                    OrDash(t.affinitySite), OrDash(t.ownerHostName), OrDash(ownerSite(t)),
+                    OrDash(t.storagePolicy),
                     skipCompliance ? "-" : (t.policyCompliant ? "yes" : "no"),
                     std::to_string(t.luns.size())});
   }
   PrintTable(std::cout,
              {"ALIAS", "IQN", "INTERFACE", "PORT", "AUTH", "USER", "MUTUAL-USER", "SITE", "OWNER",
-              "POLICY", "COMPLIANT", "LUNS"},
+              "OWNER-SITE", "POLICY", "COMPLIANT", "LUNS"},
              rows);
 }
 
@@ -218,7 +234,8 @@ void AddTargetCommands(CLI::App& app, CliContext& ctx) {
 
   auto local = std::make_shared<bool>(false);
   auto skip = std::make_shared<bool>(false);
-  CLI::App* list = noun->add_subcommand("list", "Print every target with its owner host");
+  CLI::App* list =
+      noun->add_subcommand("list", "Print every target with its owner host and that host's site");
   list->add_flag("--local", *local, "Only the targets this host serves");
   list->add_flag("--skip-compliance", *skip, "Do not query the storage policy compliance");
   list->add_flag("--json", ctx.json, "Print the records as JSON");

@@ -1,7 +1,10 @@
 #include "directory/host_queries.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <map>
+#include <set>
+#include <utility>
 
 #include "platform/clock.h"
 #include "platform/exception.h"
@@ -51,25 +54,131 @@ std::vector<MemberRecord> GetClusterMembers() {
   return members;
 }
 
-std::vector<std::string> GetEligibleHosts(const std::string& site) {
+std::string FaultDomainUuid(const std::string& siteName) {
+  // Two FNV-1a passes with different starting points give 128 bits that depend only on the name.
+  auto fnv = [&siteName](uint64_t h) {
+    for (unsigned char c : siteName) {
+      h ^= c;
+      h *= 0x100000001b3ull;
+    }
+    return h;
+  };
+  const uint64_t hi = fnv(0xcbf29ce484222325ull);
+  const uint64_t lo = fnv(0x84222325cbf29ce4ull);
+  kel::platform::DirUuid uuid;
+  for (int i = 0; i < 8; ++i) {
+    uuid[i] = static_cast<uint8_t>(hi >> (56 - 8 * i));
+    uuid[8 + i] = static_cast<uint8_t>(lo >> (56 - 8 * i));
+  }
+  return kel::platform::DirUuidToText(uuid);
+}
+
+ClusterSites::ClusterSites(std::vector<MemberRecord> members, std::string preferredSetting)
+    : members_(std::move(members)) {
+  std::vector<FaultDomain> domains = FaultDomains();
+  auto isDomain = [&domains](const std::string& name) {
+    return std::any_of(domains.begin(), domains.end(),
+                       [&name](const FaultDomain& d) { return d.name == name; });
+  };
+  // A set preferred site keeps its role while all its hosts are down, so that its pinned targets
+  // never slide over to the other site.
+  if (!preferredSetting.empty()) {
+    preferred_ = std::move(preferredSetting);
+  } else if (isDomain("Preferred")) {
+    preferred_ = "Preferred";
+  }
+  if (preferred_.empty()) return;
+  for (const FaultDomain& d : domains) {
+    if (d.name != preferred_) {
+      nonPreferred_ = d.name;
+      break;
+    }
+  }
+}
+
+std::vector<FaultDomain> ClusterSites::FaultDomains() const {
+  std::set<std::string> names;
+  for (const MemberRecord& m : members_) {
+    if (!m.witness && !m.site.empty()) names.insert(m.site);
+  }
+  std::vector<FaultDomain> domains;
+  for (const std::string& name : names) domains.push_back({FaultDomainUuid(name), name});
+  return domains;
+}
+
+std::string ClusterSites::DomainOfSite(const std::string& site) const {
+  if (site.empty()) return std::string();
+  if (site == preferred_) return "Preferred";
+  if (site == nonPreferred_) return "NonPreferred";
+  return std::string();
+}
+
+std::string ClusterSites::DomainOf(const std::string& hostUuid) const {
+  for (const MemberRecord& m : members_) {
+    if (m.uuid == hostUuid) return m.witness ? std::string() : DomainOfSite(m.site);
+  }
+  return std::string();
+}
+
+std::vector<std::string> ClusterSites::EligibleHosts(const std::string& domain) const {
   std::vector<std::string> hosts;
-  for (const MemberRecord& m : GetClusterMembers()) {
+  for (const MemberRecord& m : members_) {
     if (!IsEligibleMember(m)) {
       LogInfo("%s: Skip node(%s)", kTag, m.uuid.c_str());
       continue;
     }
-    if (!site.empty() && m.site != site) continue;
+    if (!domain.empty() && DomainOfSite(m.site) != domain) continue;
     hosts.push_back(m.uuid);
   }
   return hosts;
 }
 
+ClusterSites GetClusterSites() {
+  std::vector<MemberRecord> members = GetClusterMembers();
+  return ClusterSites(std::move(members), GetPreferredSiteSetting());
+}
+
+std::string GetPreferredSiteSetting() {
+  std::string value;
+  NUK_ReturnStatus st = Dir()->GetClusterSetting(kPreferredSiteSetting, &value);
+  if (st == NUK_NOT_FOUND) return std::string();
+  if (st != NUK_OK) Fail("Failed to read the preferred site", st);
+  return value;
+}
+
+void SetPreferredSite(const std::string& site) {
+  ClusterSites sites(GetClusterMembers(), std::string());
+  std::string names;
+  bool known = false;
+  for (const FaultDomain& d : sites.FaultDomains()) {
+    names += (names.empty() ? "" : ", ") + d.name;
+    known = known || d.name == site;
+  }
+  if (!known) {
+    throw HostCtl::Lib::Orsa::OrsaCtlException("Site " + site +
+                                               " is not the site of any cluster host (sites: " +
+                                               (names.empty() ? "none" : names) + ")");
+  }
+  NUK_ReturnStatus st = Dir()->SetClusterSetting(kPreferredSiteSetting, site);
+  if (st != NUK_OK) Fail("Failed to set the preferred site", st);
+  LogInfo("%s: Preferred site of the cluster is now %s", kTag, site.c_str());
+}
+
+bool GetPreferredFaultDomainInfo(std::string& uuid, std::string& name) {
+  name = GetClusterSites().PreferredSite();
+  uuid = name.empty() ? std::string() : FaultDomainUuid(name);
+  return !name.empty();
+}
+
+std::vector<std::string> GetEligibleHosts(const std::string& domain) {
+  // Without a site to match the preferred-site setting is not needed: one directory read less.
+  if (domain.empty()) return ClusterSites(GetClusterMembers(), std::string()).EligibleHosts();
+  return GetClusterSites().EligibleHosts(domain);
+}
+
 std::string GetNodeSiteDomain(const std::string& hostUuid) {
   std::string wanted = hostUuid.empty() ? GetNodeUuid() : Canonical(hostUuid);
-  for (const MemberRecord& m : GetClusterMembers()) {
-    if (m.uuid == wanted) return m.site;
-  }
-  return std::string();
+  return GetClusterSites().DomainOf(wanted);
 }
 
 std::string GetTargetOwnerHostUuid(const std::string& ownerId) {

@@ -1,10 +1,14 @@
 #include "placement/affinity.h"
 
-#include <set>
+#include <algorithm>
+#include <random>
 #include <vector>
 
+#include "directory/config_cache.h"
+#include "directory/host_queries.h"
 #include "host/host_options.h"
 #include "host/validation.h"
+#include "placement/load_balancer.h"
 #include "platform/directory.h"
 #include "platform/exception.h"
 #include "platform/log.h"
@@ -26,12 +30,46 @@ constexpr int kAffinityDiskFormatBaseline = 13;
 
 bool IsPinnedSite(const std::string& site) { return site == "Preferred" || site == "NonPreferred"; }
 
+const std::string& OwnerObject(const TargetInfo& t) { return t.ownerId.empty() ? t.uuid : t.ownerId; }
+
+std::string SelectHost(const ClusterSites& sites, const std::string& faultDomainName) {
+  if (faultDomainName.empty()) {
+    LogError("%s: Skip select as empty faultDomain Name", kTag);
+    return std::string();
+  }
+  std::vector<std::string> hosts = sites.EligibleHosts(faultDomainName);
+  if (hosts.empty()) {
+    LogWarning("%s: Empty hostList for FD: %s", kTag, faultDomainName.c_str());
+    return std::string();
+  }
+  thread_local std::mt19937 random{std::random_device{}()};
+  const int idx = static_cast<int>(
+      std::uniform_int_distribution<size_t>(0, hosts.size() - 1)(random));
+  LogInfo("%s: Random Idx[%d] select host: %s", kTag, idx, hosts[idx].c_str());
+  return hosts[idx];
+}
+
+// `owner` is the target's current owner; nothing moves when it is a host of the target's site.
+bool MoveIntoSite(const ClusterSites& sites, const TargetInfo& target, const std::string& owner) {
+  if (!IsPinnedSite(target.affinitySite)) return false;
+  if (!owner.empty() && sites.DomainOf(owner) == target.affinitySite) return false;
+  const std::string dest = SelectHost(sites, target.affinitySite);
+  if (dest.empty()) return false;
+  LogInfo("%s: Target %s is pinned to site %s but served by host %s, moving it to host %s", kTag,
+          target.alias.c_str(), target.affinitySite.c_str(), owner.c_str(), dest.c_str());
+  return TransferObjectByUuid(OwnerObject(target), dest);
+}
+
 }  // namespace
 
 bool KelCheckDiskFormatVersion(int baseVersion) {
-  LogInfo("%s: Retrieve current DiskVersinInCluster: %d, baseVersion: %d.", kTag,
-          kKelDiskFormatVersion, baseVersion);
-  return kKelDiskFormatVersion >= baseVersion;
+  int version = 0;
+  for (const kel::platform::MemberRecord& m : GetClusterMembers()) {
+    version = std::max(version, m.diskFormatVersion);
+  }
+  LogInfo("%s: Retrieve current DiskVersinInCluster: %d, baseVersion: %d.", kTag, version,
+          baseVersion);
+  return version >= baseVersion;
 }
 
 bool IsInStretchedCluster() {
@@ -47,11 +85,7 @@ bool IsInStretchedCluster() {
     LogWarning("%s: Cannot read the cluster members: %s", kTag, NUK_ReturnStatusToString(status));
     return false;
   }
-  std::set<std::string> sites;
-  for (const auto& m : members) {
-    if (!m.witness && !m.site.empty()) sites.insert(m.site);
-  }
-  return sites.size() >= 2;
+  return ClusterSites(std::move(members), std::string()).IsStretched();
 }
 
 bool ValidateSiteAffinity() {
@@ -101,9 +135,85 @@ void VerifyUpdateTargetAffinity(OrsaComplianceHandle* handle, const TargetCreate
   }
 }
 
-// The site moves are being built; until then the check moves nothing.
-void CheckLocalTargetAffinity() {}
-void ValidateLocalTargetsInfo() {}
+std::string GetAffinityFdUuid(const std::string& siteName) {
+  if (siteName.empty()) {
+    LogWarning("%s: Get affinityFdUuid with empty Name", kTag);
+    return std::string();
+  }
+  std::string preferredUuid, preferredName;
+  if (!GetPreferredFaultDomainInfo(preferredUuid, preferredName)) return std::string();
+  if (siteName == "Preferred") return preferredUuid;
+  if (siteName == "NonPreferred") return GetNonPreferredFaultDomainId(preferredUuid);
+  return std::string();
+}
+
+std::string GetNonPreferredFaultDomainId(const std::string& preferredUuid) {
+  for (const FaultDomain& d : GetClusterSites().FaultDomains()) {
+    if (d.uuid != preferredUuid) return d.uuid;
+  }
+  return std::string();
+}
+
+std::string SelectHostInFaultDomain(const std::string& faultDomainName) {
+  if (faultDomainName.empty()) return SelectHost(ClusterSites({}, std::string()), faultDomainName);
+  return SelectHost(GetClusterSites(), faultDomainName);
+}
+
+bool KeepTargetInSite(const TargetInfo& target) {
+  if (!IsPinnedSite(target.affinitySite) || OwnerObject(target).empty()) return false;
+  const std::string owner = GetTargetOwnerHostUuid(OwnerObject(target));
+  return MoveIntoSite(GetClusterSites(), target, owner);
+}
+
+int RefreshLocalTargetAffinity() {
+  const ClusterSites sites = GetClusterSites();
+  const std::string self = GetNodeUuid();
+  int moved = 0;
+  std::vector<std::string> local;
+  for (const TargetInfo& t : ConfigCache::GetTargetsInfos()) {
+    if (OwnerObject(t).empty() || GetTargetOwnerHostUuid(OwnerObject(t)) != self) continue;
+    if (MoveIntoSite(sites, t, self)) {
+      ++moved;
+    } else {
+      local.push_back(t.uuid);
+    }
+  }
+  SetCachedLocalTargets(std::move(local));
+  return moved;
+}
+
+void CheckLocalTargetAffinity() {
+  try {
+    ValidateSiteAffinity();
+  } catch (const OrsaCtlException& e) {
+    LogInfo("%s: Skip local target affinity check: %s", kTag, e.GetMessage().c_str());
+    return;
+  }
+  try {
+    RefreshLocalTargetAffinity();
+  } catch (const OrsaCtlException& e) {
+    LogWarning("%s: Local target affinity check failed: %s", kTag, e.GetMessage().c_str());
+  } catch (const std::exception& e) {
+    LogWarning("%s: Local target affinity check failed: %s", kTag, e.what());
+  }
+}
+
+void ValidateLocalTargetsInfo() {
+  try {
+    const std::string self = GetNodeUuid();
+    std::vector<std::string> local;
+    for (const TargetInfo& t : ConfigCache::GetTargetsInfos()) {
+      if (!OwnerObject(t).empty() && GetTargetOwnerHostUuid(OwnerObject(t)) == self) {
+        local.push_back(t.uuid);
+      }
+    }
+    SetCachedLocalTargets(std::move(local));
+  } catch (const OrsaCtlException& e) {
+    LogWarning("%s: Failed to refresh the local targets: %s", kTag, e.GetMessage().c_str());
+  } catch (const std::exception& e) {
+    LogWarning("%s: Failed to refresh the local targets: %s", kTag, e.what());
+  }
+}
 
 }  // namespace Util
 }  // namespace IscsiTarget

@@ -1,19 +1,24 @@
 // Site affinity checks: whether a target may be pinned to a site of a stretched cluster, and
-// whether a target's site agrees with its storage policy's locality, and the periodic check that
-// keeps pinned targets in their site.
+// whether a target's site agrees with its storage policy's locality, choosing a host inside a site,
+// and the checks that keep pinned targets in their site.
 //
 // A stretched cluster spreads its hosts over two fault domains (sites), "Preferred" and
 // "NonPreferred". A target pinned to a site (`affinitySite`) must be served from that site, so its
 // storage policy must not ask for the other site's locality.
 //
-// Every check logs with the tag "Util" and throws HostCtl::Lib::Orsa::OrsaCtlException with the
-// system's message; none of them changes anything.
+// A site name as a target carries it is the role of a fault domain; which site holds which role is
+// decided by the directory's preferred-site setting (directory/host_queries.h).
+//
+// The validation checks log with the tag "Util" and throw HostCtl::Lib::Orsa::OrsaCtlException
+// with the system's message; none of them changes anything. Lookups and selections log and return
+// an empty string instead of throwing; an empty host means that nothing moves.
 //
 // Thread-safety: all functions may run concurrently.
 #pragma once
 
 #include <string>
 
+#include "platform/directory.h"
 #include "platform/policy.h"
 #include "records/records.h"
 
@@ -22,13 +27,15 @@ namespace Orsa {
 namespace IscsiTarget {
 namespace Util {
 
-// The on-disk format version of every host of this build. Linux hosts share one format, which
+// The on-disk format version of this build, which every host publishes in its member record. It
 // carries everything the service's format baselines ask for (11 for load balancing, 13 for site
 // affinity).
-inline constexpr int kKelDiskFormatVersion = 13;
+inline constexpr int kKelDiskFormatVersion = kel::platform::kDiskFormatVersion;
 
-// Logs "Retrieve current DiskVersinInCluster: <v>, baseVersion: <base>." and answers whether the
-// cluster's disk format version is at least `baseVersion`.
+// The cluster's disk format version: the maximum over the live members' published versions (0
+// for a member that published none). Logs "Retrieve current DiskVersinInCluster: <v>, baseVersion:
+// <base>." and answers whether it is at least `baseVersion`. Throws when the directory cannot be
+// read.
 bool KelCheckDiskFormatVersion(int baseVersion);
 
 // True when the live members of the cluster (witnesses left out) span two or more sites. A
@@ -56,11 +63,30 @@ void VerifyUpdateTargetAffinity(OrsaComplianceHandle* handle,
                                 const HostCtl::Orsa::IscsiTarget::TargetCreateParam& param,
                                 const HostCtl::Orsa::IscsiTarget::TargetInfo& current);
 
-// The control thread's periodic check: every local target pinned to a site is brought back to an
-// eligible host of that site when this host is not one. Never throws: failures are logged.
+// The fault-domain UUID of "Preferred" or "NonPreferred"; empty for any other name, when no site
+// holds that role, or for an empty name (logged "%s: Get affinityFdUuid with empty Name").
+std::string GetAffinityFdUuid(const std::string& siteName);
+// The first fault domain of the cluster (in site name order) other than `preferredUuid`; empty
+// when there is none.
+std::string GetNonPreferredFaultDomainId(const std::string& preferredUuid);
+// A random eligible host of the site ("Preferred"/"NonPreferred"), logged "%s: Random Idx[%d]
+// select host: %s"; empty, logged, for an empty name or a site without eligible hosts.
+std::string SelectHostInFaultDomain(const std::string& faultDomainName);
+
+// Moves `target` to a random eligible host of its site when it is pinned and its owner is not a
+// host of that site. True when it moved. Throws on directory failures. Run after an update of a
+// target has been written, so that a target pinned to another site moves there at once.
+bool KeepTargetInSite(const HostCtl::Orsa::IscsiTarget::TargetInfo& target);
+
+// The control thread's periodic check: when site affinity may be used (ValidateSiteAffinity; the
+// refusal is logged), RefreshLocalTargetAffinity. Never throws: failures are logged.
 void CheckLocalTargetAffinity();
-// Re-reads which targets are local after a failed control pass, so that the next pass starts from
-// what the directory says. Never throws.
+// Brings every pinned target that this host owns back to an eligible host of its site, and
+// replaces Util::cachedLocalTargets with the targets that stay. Returns how many moved. Throws on
+// directory or configuration failures.
+int RefreshLocalTargetAffinity();
+// Re-reads which targets are local (Util::cachedLocalTargets) after a failed control pass, so that
+// the next pass starts from what the directory says. Never throws.
 void ValidateLocalTargetsInfo();
 
 }  // namespace Util

@@ -8,7 +8,8 @@ namespace IscsiTarget {
 namespace Util {
 
 // Claims, by compare-and-swap, every object whose owner has no live member record and that the
-// consistent hash over the live eligible hosts assigns to this host. Every host runs it (within a
+// consistent hash over the live eligible hosts assigns to this host. A target pinned to a site
+// that has live eligible hosts is hashed over that site's hosts only. Every host runs it (within a
 // lease TTL of a host's death), and all of them compute the same assignment, so each orphan is
 // claimed once. Returns the number claimed; directory failures are logged and end the pass.
 int ClaimOrphanedObjects();

@@ -2,6 +2,7 @@
 
 #include <uuid/uuid.h>
 
+#include <cctype>
 #include <cstdlib>
 #include <cstring>
 #include <nlohmann/json.hpp>
@@ -154,7 +155,8 @@ std::string EncodeMemberValue(const MemberRecord& member) {
               {"decommission", member.decommission},
               {"witness", member.witness},
               {"lease", member.leaseId},
-              {"agent", member.agentLease}};
+              {"agent", member.agentLease},
+              {"diskFormatVersion", member.diskFormatVersion}};
   return doc.dump();
 }
 
@@ -176,6 +178,23 @@ bool DecodeMemberValue(const std::string& value, MemberRecord* member) {
   member->witness = flag("witness");
   member->leaseId = text("lease");
   member->agentLease = flag("agent");
+  auto version = doc.find("diskFormatVersion");
+  member->diskFormatVersion = 0;
+  if (version != doc.end() && version->is_number_integer()) {
+    const int64_t v = version->get<int64_t>();
+    if (v >= 0 && v <= 255) member->diskFormatVersion = static_cast<int>(v);
+  }
+  return true;
+}
+
+bool IsValidSettingName(const std::string& name) {
+  // The first character is alphanumeric so that a name is never a hidden or parent file name.
+  if (name.empty() || name.size() > 64 || !isalnum(static_cast<unsigned char>(name[0]))) {
+    return false;
+  }
+  for (char c : name) {
+    if (!isalnum(static_cast<unsigned char>(c)) && c != '.' && c != '_' && c != '-') return false;
+  }
   return true;
 }
 

@@ -86,6 +86,10 @@ extern const char* const kDecomNone;        // ""
 extern const char* const kDecomInProgress;  // "in-progress"
 extern const char* const kDecomComplete;    // "complete"
 
+// The on-disk format version of this build. Each host publishes its own in its member record; the
+// cluster's version is the maximum over the live members.
+inline constexpr int kDiskFormatVersion = 13;
+
 // A live member of the cluster.
 struct MemberRecord {
   std::string uuid;  // 8-4-4-4-12
@@ -96,6 +100,9 @@ struct MemberRecord {
   bool witness = false;      // a witness host takes part in membership but serves nothing
   std::string leaseId;       // etcd: the lease the host's entries live under; empty otherwise
   bool agentLease = false;   // etcd: that lease is held by the host agent (others may borrow it)
+  // The host's on-disk format version (0..255); 0 in records written by hosts that did not
+  // publish one. A backend writing this host's own record always stamps kDiskFormatVersion.
+  int diskFormatVersion = 0;
 };
 
 // Owner record of an object. `revision` identifies this version of the record for
@@ -157,6 +164,13 @@ class Directory {
                                                      const std::string& newHostUuid) = 0;
   virtual NUK_ReturnStatus DeleteObjectOwner(const std::string& objectUuid) = 0;
   virtual NUK_ReturnStatus ListObjectOwners(std::map<std::string, ObjectOwner>* out) = 0;
+
+  // Cluster-wide settings: small named texts that belong to no host, so they outlive every lease
+  // (etcd: <prefix>/settings/<name>). A name is 1..64 of [A-Za-z0-9._-], starting with a letter or digit,
+  // else NUK_BAD_PARAM.
+  // Get answers NUK_NOT_FOUND for a setting never set; Set with an empty value removes it.
+  virtual NUK_ReturnStatus GetClusterSetting(const std::string& name, std::string* value) = 0;
+  virtual NUK_ReturnStatus SetClusterSetting(const std::string& name, const std::string& value) = 0;
 };
 
 // Opens the backend that `config` names. Throws OrsaCtlException when it cannot be opened (etcd
@@ -199,9 +213,12 @@ void RunOffDirectoryThreads(std::function<void()> work);
 // Entry value as stored by both backends: {"owner":"<uuid>","health":true,"data":"<base64>"}.
 std::string EncodeEntryValue(const DirEntry& entry);
 bool DecodeEntryValue(const std::string& value, DirEntry* entry);
-// Member record value: {"name","site","maintenance","decommission","witness","lease","agent"}.
+// Member record value: {"name","site","maintenance","decommission","witness","lease","agent",
+// "diskFormatVersion"}; a record without the version (an older host's) decodes with 0.
 std::string EncodeMemberValue(const MemberRecord& member);
 bool DecodeMemberValue(const std::string& value, MemberRecord* member);
+// Whether `name` may name a cluster setting.
+bool IsValidSettingName(const std::string& name);
 std::string Base64Encode(const std::string& bytes);
 bool Base64Decode(const std::string& text, std::string* bytes);
 

@@ -170,7 +170,8 @@ EmbeddedDirectory::EmbeddedDirectory(const HostConfig& config)
   }
   selfText_ = DirUuidToText(self_);
   for (const std::string& dir :
-       {config.stateDir, root_, root_ + "/entries", root_ + "/hosts", root_ + "/owners"}) {
+       {config.stateDir, root_, root_ + "/entries", root_ + "/hosts", root_ + "/owners",
+        root_ + "/settings"}) {
     NUK_ReturnStatus st = MakeDir(dir);
     if (st != NUK_OK) {
       throw HostCtl::Lib::Orsa::OrsaCtlException("Directory: cannot create " + dir + ": " +
@@ -372,7 +373,10 @@ NUK_ReturnStatus EmbeddedDirectory::ReadMember(const std::string& uuidText, Memb
 }
 
 NUK_ReturnStatus EmbeddedDirectory::WriteMember(const MemberRecord& member) {
-  return WriteFileAtomic(root_ + "/hosts", member.uuid, EncodeMemberValue(member));
+  // Only this host's own record is ever written here, so it carries this build's version.
+  MemberRecord stamped = member;
+  stamped.diskFormatVersion = kDiskFormatVersion;
+  return WriteFileAtomic(root_ + "/hosts", member.uuid, EncodeMemberValue(stamped));
 }
 
 NUK_ReturnStatus EmbeddedDirectory::ListMembers(std::vector<MemberRecord>* out) {
@@ -480,6 +484,24 @@ NUK_ReturnStatus EmbeddedDirectory::ListObjectOwners(std::map<std::string, Objec
     if (GetObjectOwner(name, &o) == NUK_OK) (*out)[name] = o;
   }
   return NUK_OK;
+}
+
+NUK_ReturnStatus EmbeddedDirectory::GetClusterSetting(const std::string& name,
+                                                     std::string* value) {
+  if (!IsValidSettingName(name)) return NUK_BAD_PARAM;
+  return ReadWholeFile(root_ + "/settings/" + name, value);
+}
+
+NUK_ReturnStatus EmbeddedDirectory::SetClusterSetting(const std::string& name,
+                                                     const std::string& value) {
+  if (!IsValidSettingName(name)) return NUK_BAD_PARAM;
+  if (value.empty()) {
+    if (unlink((root_ + "/settings/" + name).c_str()) != 0 && errno != ENOENT) {
+      return ErrnoStatus();
+    }
+    return NUK_OK;
+  }
+  return WriteFileAtomic(root_ + "/settings", name, value);
 }
 
 }  // namespace platform

@@ -50,6 +50,8 @@ class EmbeddedDirectory : public Directory {
                                              const std::string& newHostUuid) override;
   NUK_ReturnStatus DeleteObjectOwner(const std::string& objectUuid) override;
   NUK_ReturnStatus ListObjectOwners(std::map<std::string, ObjectOwner>* out) override;
+  NUK_ReturnStatus GetClusterSetting(const std::string& name, std::string* value) override;
+  NUK_ReturnStatus SetClusterSetting(const std::string& name, const std::string& value) override;
 
   const std::string& Root() const { return root_; }
 

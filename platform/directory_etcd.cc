@@ -141,6 +141,7 @@ NUK_ReturnStatus EtcdDirectory::RegisterMember(int64_t lease) {
   // Whoever writes under the agent's lease keeps saying so, or a restarted agent would not adopt
   // it and a daemon would not leave it to the agent.
   m.agentLease = agentLease_;
+  m.diskFormatVersion = kDiskFormatVersion;
   NUK_ReturnStatus st = client_.Put(MemberKey(selfText_), EncodeMemberValue(m), lease);
   if (st == NUK_OK) memberLease_ = lease;
   return st;
@@ -555,6 +556,7 @@ NUK_ReturnStatus EtcdDirectory::UpdateSelfMember(const std::function<void(Member
     if (!DecodeMemberValue(kv.value, &m)) return NUK_FAILURE;
     edit(m);
     m.uuid = selfText_;
+    m.diskFormatVersion = kDiskFormatVersion;
     json put = {{"key", B64(key)}, {"value", B64(EncodeMemberValue(m))}};
     if (kv.lease != 0) put["lease"] = std::to_string(kv.lease);
     json txn = {{"compare", json::array({{{"key", B64(key)},
@@ -642,6 +644,25 @@ NUK_ReturnStatus EtcdDirectory::ListObjectOwners(std::map<std::string, ObjectOwn
     (*out)[kv.key.substr(prefix.size())] = ObjectOwner{kv.value, kv.modRevision};
   }
   return NUK_OK;
+}
+
+NUK_ReturnStatus EtcdDirectory::GetClusterSetting(const std::string& name, std::string* value) {
+  if (!IsValidSettingName(name)) return NUK_BAD_PARAM;
+  EtcdClient::KeyValue kv;
+  NUK_ReturnStatus st = client_.Get(SettingKey(name), &kv);
+  if (st != NUK_OK) return st;
+  *value = kv.value;
+  return NUK_OK;
+}
+
+NUK_ReturnStatus EtcdDirectory::SetClusterSetting(const std::string& name,
+                                                  const std::string& value) {
+  if (!IsValidSettingName(name)) return NUK_BAD_PARAM;
+  if (value.empty()) {
+    int64_t deleted = 0;
+    return client_.DeleteRange(SettingKey(name), std::string(), &deleted);
+  }
+  return client_.Put(SettingKey(name), value, 0);
 }
 
 }  // namespace platform

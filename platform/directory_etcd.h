@@ -3,6 +3,7 @@
 //   <prefix>/entries/<type>/<uuid>  {"owner","health","data"(base64)}, under the writer's lease
 //   <prefix>/hosts/<uuid>           member record, under the host's lease
 //   <prefix>/owners/<object-uuid>   owner host uuid as text, no lease (survives agent restarts)
+//   <prefix>/settings/<name>        a cluster-wide setting as text, no lease
 //
 // Liveness: a live host holds a lease of `leaseTtlSeconds` and keeps it alive (a keepalive every
 // third of the TTL). A keepalive answer without a TTL, or with 0, means the lease is gone (expired
@@ -68,6 +69,8 @@ class EtcdDirectory : public Directory {
                                              const std::string& newHostUuid) override;
   NUK_ReturnStatus DeleteObjectOwner(const std::string& objectUuid) override;
   NUK_ReturnStatus ListObjectOwners(std::map<std::string, ObjectOwner>* out) override;
+  NUK_ReturnStatus GetClusterSetting(const std::string& name, std::string* value) override;
+  NUK_ReturnStatus SetClusterSetting(const std::string& name, const std::string& value) override;
 
   // Called (on the keepalive thread) when the host agent finds its member record removed while
   // its lease is alive: the host has left the cluster.
@@ -93,6 +96,7 @@ class EtcdDirectory : public Directory {
   std::string MemberKey(const std::string& uuidText) const {
     return prefix_ + "/hosts/" + uuidText;
   }
+  std::string SettingKey(const std::string& name) const { return prefix_ + "/settings/" + name; }
   std::string OwnerKey(const std::string& uuidText) const {
     return prefix_ + "/owners/" + uuidText;
   }

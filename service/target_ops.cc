@@ -152,6 +152,20 @@ void OrsaIscsiTargetImpl::ApplyTargetUpdate(TargetCreateParam& param, const Targ
     }
     throw;
   }
+  // A target pinned to a site now serves from that site: the move follows the written change, so
+  // that a refused or failed update moves nothing.
+  TargetInfo updated = current;
+  if (param.affinitySite == "None") {
+    updated.affinitySite.clear();
+  } else if (!param.affinitySite.empty()) {
+    updated.affinitySite = param.affinitySite;
+  }
+  try {
+    Util::KeepTargetInSite(updated);
+  } catch (const OrsaCtlException& e) {
+    LogWarning("%s: Target %s stays off its site %s for now: %s\n", kTag, param.alias.c_str(),
+               updated.affinitySite.c_str(), e.GetMessage().c_str());
+  }
 }
 
 void OrsaIscsiTargetImpl::UpdateTargetConfig(TargetCreateParam& param) {

@@ -16,6 +16,7 @@ FakeDirectory::FakeDirectory(const std::string& selfUuid)
   MemberRecord m;
   m.uuid = DirUuidToText(self_);
   m.name = "self";
+  m.diskFormatVersion = kDiskFormatVersion;
   members_[m.uuid] = m;
 }
 
@@ -100,6 +101,7 @@ NUK_ReturnStatus FakeDirectory::UpdateSelfMember(const std::function<void(Member
   if (it == members_.end()) return NUK_NOT_FOUND;
   edit(it->second);
   it->second.uuid = DirUuidToText(self_);
+  it->second.diskFormatVersion = kDiskFormatVersion;
   return NUK_OK;
 }
 
@@ -108,6 +110,7 @@ NUK_ReturnStatus FakeDirectory::JoinCluster() {
   MemberRecord& m = members_[DirUuidToText(self_)];
   m.uuid = DirUuidToText(self_);
   if (m.name.empty()) m.name = "self";
+  m.diskFormatVersion = kDiskFormatVersion;
   return NUK_OK;
 }
 
@@ -158,6 +161,29 @@ NUK_ReturnStatus FakeDirectory::DeleteObjectOwner(const std::string& objectUuid)
 NUK_ReturnStatus FakeDirectory::ListObjectOwners(std::map<std::string, ObjectOwner>* out) {
   std::lock_guard<std::mutex> guard(mu_);
   *out = owners_;
+  return NUK_OK;
+}
+
+NUK_ReturnStatus FakeDirectory::GetClusterSetting(const std::string& name, std::string* value) {
+  if (!IsValidSettingName(name)) return NUK_BAD_PARAM;
+  std::lock_guard<std::mutex> guard(mu_);
+  if (membersResult_ != NUK_OK) return membersResult_;
+  auto it = settings_.find(name);
+  if (it == settings_.end()) return NUK_NOT_FOUND;
+  *value = it->second;
+  return NUK_OK;
+}
+
+NUK_ReturnStatus FakeDirectory::SetClusterSetting(const std::string& name,
+                                                  const std::string& value) {
+  if (!IsValidSettingName(name)) return NUK_BAD_PARAM;
+  std::lock_guard<std::mutex> guard(mu_);
+  if (membersResult_ != NUK_OK) return membersResult_;
+  if (value.empty()) {
+    settings_.erase(name);
+  } else {
+    settings_[name] = value;
+  }
   return NUK_OK;
 }
 

@@ -17,7 +17,7 @@ namespace platform {
 
 class FakeDirectory : public Directory {
  public:
-  // `self` becomes a member named "self".
+  // `self` becomes a member named "self" (of this build's disk format version).
   explicit FakeDirectory(const std::string& selfUuid);
   ~FakeDirectory() override;
 
@@ -37,13 +37,16 @@ class FakeDirectory : public Directory {
                                              const std::string& newHostUuid) override;
   NUK_ReturnStatus DeleteObjectOwner(const std::string& objectUuid) override;
   NUK_ReturnStatus ListObjectOwners(std::map<std::string, ObjectOwner>* out) override;
+  NUK_ReturnStatus GetClusterSetting(const std::string& name, std::string* value) override;
+  NUK_ReturnStatus SetClusterSetting(const std::string& name, const std::string& value) override;
 
   // Knobs. Update completes with `status` without storing when it is not NUK_OK (NUK_EXISTS
-  // stores and then reports NUK_EXISTS). Find and the member list fail with their status when set.
+  // stores and then reports NUK_EXISTS). Find and the member list fail with their status when set;
+  // the cluster settings fail with the member list's.
   void SetUpdateResult(NUK_ReturnStatus status);
   void SetFindResult(NUK_ReturnStatus status);
   void SetMembersResult(NUK_ReturnStatus status);
-  void SetMember(const MemberRecord& member);  // adds or replaces by uuid
+  void SetMember(const MemberRecord& member);  // adds or replaces by uuid, as given
   void RemoveMember(const std::string& uuid);
   // Runs inside GetObjectOwner after the record was read (tests hold racing callers there).
   void SetGetOwnerHook(std::function<void()> hook);
@@ -62,6 +65,7 @@ class FakeDirectory : public Directory {
   std::map<std::string, DirEntry> entries_;      // guarded by mu_
   std::map<std::string, MemberRecord> members_;  // guarded by mu_
   std::map<std::string, ObjectOwner> owners_;    // guarded by mu_
+  std::map<std::string, std::string> settings_;  // guarded by mu_
   int64_t revision_ = 0;                         // guarded by mu_
   NUK_ReturnStatus updateResult_ = NUK_OK;       // guarded by mu_
   NUK_ReturnStatus findResult_ = NUK_OK;         // guarded by mu_

@@ -170,6 +170,7 @@ platform::MemberRecord Member(const std::string& uuid, const std::string& name,
   m.uuid = uuid;
   m.name = name;
   m.site = site;
+  m.diskFormatVersion = platform::kDiskFormatVersion;
   return m;
 }
 

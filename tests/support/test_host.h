@@ -71,7 +71,7 @@ CommandResult RunKelctl(const std::vector<std::string>& args, const std::string&
 // The last line of `text`, without its line end (where kelctl puts a refusal's message).
 std::string LastLine(const std::string& text);
 
-// A cluster member record for a fake directory.
+// A cluster member record for a fake directory: a host of this build (its disk format version).
 platform::MemberRecord Member(const std::string& uuid, const std::string& name,
                               const std::string& site = "");
 
