@@ -552,7 +552,30 @@ TYPED_TEST(DirectoryConformance, MembershipHoldsThisHostWithItsFlags) {
   EXPECT_EQ(dir->UpdateSelfMember([](MemberRecord&) {}), NUK_NOT_FOUND);
   EXPECT_EQ(dir->LeaveCluster(), NUK_NOT_FOUND);
   ASSERT_EQ(dir->JoinCluster(), NUK_OK);
-  EXPECT_TRUE(FindMember(*dir, self));
+  m = FindMember(*dir, self);
+  ASSERT_TRUE(m);
+  EXPECT_EQ(m->diskFormatVersion, kel::platform::kDiskFormatVersion);
+  // An edit cannot make this host's record claim another build's version.
+  ASSERT_EQ(dir->UpdateSelfMember([](MemberRecord& r) { r.diskFormatVersion = 9; }), NUK_OK);
+  EXPECT_EQ(FindMember(*dir, self)->diskFormatVersion, kel::platform::kDiskFormatVersion);
+}
+
+TYPED_TEST(DirectoryConformance, ClusterSettingsAreSharedBetweenHosts) {
+  auto dir = this->backend_.Open();
+  std::string value;
+  EXPECT_EQ(dir->GetClusterSetting("preferredSite", &value), NUK_NOT_FOUND);
+  for (const char* bad : {"", ".hidden", "a/b", "../x"}) {
+    EXPECT_EQ(dir->GetClusterSetting(bad, &value), NUK_BAD_PARAM) << bad;
+    EXPECT_EQ(dir->SetClusterSetting(bad, "v"), NUK_BAD_PARAM) << bad;
+  }
+  ASSERT_EQ(dir->SetClusterSetting("preferredSite", "east"), NUK_OK);
+  ASSERT_EQ(dir->SetClusterSetting("preferredSite", "west"), NUK_OK);
+  auto peer = this->backend_.OpenPeer();
+  ASSERT_EQ(peer->GetClusterSetting("preferredSite", &value), NUK_OK);
+  EXPECT_EQ(value, "west");
+  ASSERT_EQ(peer->SetClusterSetting("preferredSite", ""), NUK_OK);
+  EXPECT_EQ(peer->GetClusterSetting("preferredSite", &value), NUK_NOT_FOUND);
+  EXPECT_EQ(peer->SetClusterSetting("preferredSite", ""), NUK_OK) << "removing twice is fine";
 }
 
 TYPED_TEST(DirectoryConformance, OwnerRecordsChangeOnlyByCompareAndSwap) {
@@ -729,6 +752,20 @@ TEST_F(EtcdDirectoryTest, AnExpiredLeaseTakesTheHostAndItsEntriesAndIsRepairedWh
   EXPECT_TRUE(IsMember(*other, a.hostUuid));
   EXPECT_TRUE(Exists(*other, nic));
   EXPECT_EQ(other->Unsubscribe(id), NUK_OK);
+}
+
+TEST_F(EtcdDirectoryTest, ASettingOutlivesTheLeaseOfTheProgramThatWroteIt) {
+  HostConfig lone = Host("lone");
+  auto observer = Open(Host("observer"));
+  {
+    auto kelctl = Open(lone, DirectoryRole::kClient);  // no agent: a lease of its own
+    ASSERT_EQ(kelctl->SetClusterSetting("preferredSite", "east"), NUK_OK);
+    ASSERT_TRUE(IsMember(*observer, lone.hostUuid));
+  }
+  EXPECT_FALSE(IsMember(*observer, lone.hostUuid)) << "its lease was revoked at exit";
+  std::string value;
+  ASSERT_EQ(observer->GetClusterSetting("preferredSite", &value), NUK_OK);
+  EXPECT_EQ(value, "east");
 }
 
 TEST_F(EtcdDirectoryTest, ProgramsBorrowTheAgentsLeaseOrHoldTheirOwnForTheirLifetime) {

@@ -140,6 +140,19 @@ TEST(DirectoryValues, EntryAndMemberValuesRoundTripAndBase64IsStrict) {
   EXPECT_TRUE(back.maintenance && back.witness && back.agentLease);
   EXPECT_EQ(back.decommission, kel::platform::kDecomInProgress);
   EXPECT_EQ(back.leaseId, "42");
+  EXPECT_EQ(back.diskFormatVersion, 0);
+  m.diskFormatVersion = 13;
+  ASSERT_TRUE(kel::platform::DecodeMemberValue(kel::platform::EncodeMemberValue(m), &back));
+  EXPECT_EQ(back.diskFormatVersion, 13);
+  // A record written by a host that published no version (or a nonsense one) reads as 0.
+  for (const char* old : {R"({"name":"old","site":"Preferred"})",
+                          R"({"name":"old","diskFormatVersion":"13"})",
+                          R"({"name":"old","diskFormatVersion":300})"}) {
+    back.diskFormatVersion = 7;
+    ASSERT_TRUE(kel::platform::DecodeMemberValue(old, &back)) << old;
+    EXPECT_EQ(back.name, "old");
+    EXPECT_EQ(back.diskFormatVersion, 0) << old;
+  }
 }
 
 }  // namespace

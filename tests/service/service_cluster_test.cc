@@ -123,6 +123,38 @@ TEST_F(ServiceCluster, TargetsMoveToAnotherHostAndLeaveTheLocalList) {
   EXPECT_EQ(svc->GetTargets(true, false).size(), 2u);
 }
 
+TEST_F(ServiceCluster, PinningATargetToTheOtherSiteMovesItThereOnceWritten) {
+  directory_->SetMember(Member(kOtherHost, "host-b", "NonPreferred"));
+  auto svc = NewService();
+  Ready(*svc);
+  const TargetCreateParam a = AddTarget(*svc, "a");
+
+  // A refused update moves nothing.
+  TargetCreateParam refused = NewTarget("a");
+  refused.affinitySite = "NonPreferred";
+  refused.storagePolicy = kPreferredPolicy;
+  EXPECT_EQ(ErrorOf([&] { svc->UpdateTargetConfig(refused); }),
+            "Incompatible between Target location and policy locality");
+  EXPECT_EQ(Kel::Util::GetTargetOwnerHostUuid(a.uuid), kHostUuid);
+
+  TargetCreateParam pin = NewTarget("a");
+  pin.affinitySite = "NonPreferred";
+  svc->UpdateTargetConfig(pin);
+  EXPECT_EQ(svc->GetTargetInfo("a").affinitySite, "NonPreferred");
+  EXPECT_EQ(Kel::Util::GetTargetOwnerHostUuid(a.uuid), kOtherHost);
+  // An update that keeps the pin leaves a target that is in its site where it is.
+  TargetCreateParam keep = NewTarget("a");
+  svc->UpdateTargetConfig(keep);
+  EXPECT_EQ(Kel::Util::GetTargetOwnerHostUuid(a.uuid), kOtherHost);
+  pin.affinitySite = "Preferred";
+  svc->UpdateTargetConfig(pin);
+  EXPECT_EQ(Kel::Util::GetTargetOwnerHostUuid(a.uuid), kHostUuid);
+  pin.affinitySite = "None";
+  Kel::Util::TransferObjectByUuid(a.uuid, kOtherHost);
+  svc->UpdateTargetConfig(pin);
+  EXPECT_EQ(Kel::Util::GetTargetOwnerHostUuid(a.uuid), kOtherHost) << "unpinned: no site to keep";
+}
+
 }  // namespace
 }  // namespace testing
 }  // namespace kel
