@@ -49,14 +49,14 @@ void Placement(CliContext& ctx) {
                           {"unassigned", view.unassigned}});
     return;
   }
-  std::cout << "Quota: " << view.quota << " targets per host; preferred site: "
-            << OrDash(view.preferredSite) << "; non-preferred site: "
-            << OrDash(view.nonPreferredSite) << "\n";
+  std::cout << "Quota: " << view.quota
+            << " targets per host; preferred site: " << OrDash(view.preferredSite)
+            << "; non-preferred site: " << OrDash(view.nonPreferredSite) << "\n";
   std::vector<std::vector<std::string>> rows;
   for (const Util::PlacementHost& h : view.hosts) {
     const int count = static_cast<int>(h.targets.size());
-    const std::string over = count > view.quota ? " (+" + std::to_string(count - view.quota) + ")"
-                                                : std::string();
+    const std::string over =
+        count > view.quota ? " (+" + std::to_string(count - view.quota) + ")" : std::string();
     rows.push_back({OrDash(h.name), h.uuid, OrDash(h.site), OrDash(h.domain), HostState(h),
                     std::to_string(count) + over, Join(h.targets)});
   }

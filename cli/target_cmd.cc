@@ -168,12 +168,11 @@ void List(CliContext& ctx, bool local, bool skipCompliance) {
   }
   std::vector<std::vector<std::string>> rows;
   for (const TargetInfo& t : targets) {
-    rows.push_back({t.alias, t.iqn, OrDash(t.networkInterface), std::to_string(t.port),
-                    OrDash(t.authType), OrDash(t.chapName), OrDash(t.mutualChapName),
-                    OrDash(t.affinitySite), OrDash(t.ownerHostName), OrDash(ownerSite(t)),
-                    OrDash(t.storagePolicy),
-                    skipCompliance ? "-" : (t.policyCompliant ? "yes" : "no"),
-                    std::to_string(t.luns.size())});
+    rows.push_back(
+        {t.alias, t.iqn, OrDash(t.networkInterface), std::to_string(t.port), OrDash(t.authType),
+         OrDash(t.chapName), OrDash(t.mutualChapName), OrDash(t.affinitySite),
+         OrDash(t.ownerHostName), OrDash(ownerSite(t)), OrDash(t.storagePolicy),
+         skipCompliance ? "-" : (t.policyCompliant ? "yes" : "no"), std::to_string(t.luns.size())});
   }
   PrintTable(std::cout,
              {"ALIAS", "IQN", "INTERFACE", "PORT", "AUTH", "USER", "MUTUAL-USER", "SITE", "OWNER",

@@ -155,9 +155,9 @@ void SetPreferredSite(const std::string& site) {
     known = known || d.name == site;
   }
   if (!known) {
-    throw HostCtl::Lib::Orsa::OrsaCtlException("Site " + site +
-                                               " is not the site of any cluster host (sites: " +
-                                               (names.empty() ? "none" : names) + ")");
+    throw HostCtl::Lib::Orsa::OrsaCtlException(
+        "Site " + site +
+        " is not the site of any cluster host (sites: " + (names.empty() ? "none" : names) + ")");
   }
   NUK_ReturnStatus st = Dir()->SetClusterSetting(kPreferredSiteSetting, site);
   if (st != NUK_OK) Fail("Failed to set the preferred site", st);

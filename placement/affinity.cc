@@ -30,7 +30,9 @@ constexpr int kAffinityDiskFormatBaseline = 13;
 
 bool IsPinnedSite(const std::string& site) { return site == "Preferred" || site == "NonPreferred"; }
 
-const std::string& OwnerObject(const TargetInfo& t) { return t.ownerId.empty() ? t.uuid : t.ownerId; }
+const std::string& OwnerObject(const TargetInfo& t) {
+  return t.ownerId.empty() ? t.uuid : t.ownerId;
+}
 
 std::string SelectHost(const ClusterSites& sites, const std::string& faultDomainName) {
   if (faultDomainName.empty()) {
@@ -43,8 +45,8 @@ std::string SelectHost(const ClusterSites& sites, const std::string& faultDomain
     return std::string();
   }
   thread_local std::mt19937 random{std::random_device{}()};
-  const int idx = static_cast<int>(
-      std::uniform_int_distribution<size_t>(0, hosts.size() - 1)(random));
+  const int idx =
+      static_cast<int>(std::uniform_int_distribution<size_t>(0, hosts.size() - 1)(random));
   LogInfo("%s: Random Idx[%d] select host: %s", kTag, idx, hosts[idx].c_str());
   return hosts[idx];
 }

@@ -45,7 +45,9 @@ constexpr size_t kMinLocalTargetsToMove = 3;
 const char* const kZeroUuid = "00000000-0000-0000-0000-000000000000";
 
 // The object whose owner serves the target: its owner-id, else (older entries) its namespace.
-const std::string& OwnerObject(const TargetInfo& t) { return t.ownerId.empty() ? t.uuid : t.ownerId; }
+const std::string& OwnerObject(const TargetInfo& t) {
+  return t.ownerId.empty() ? t.uuid : t.ownerId;
+}
 
 std::string CanonicalUuid(const std::string& text) {
   kel::platform::DirUuid parsed;
@@ -55,9 +57,7 @@ std::string CanonicalUuid(const std::string& text) {
 
 class DirectoryLoadBalanceEnv : public LoadBalanceEnv {
  public:
-  int64_t Option(const std::string& name) override {
-    return KelGetTpiIntOpt("ORSA-iSCSI", name);
-  }
+  int64_t Option(const std::string& name) override { return KelGetTpiIntOpt("ORSA-iSCSI", name); }
   bool DiskFormatAtLeast(int baseVersion) override {
     return KelCheckDiskFormatVersion(baseVersion);
   }
@@ -192,10 +192,9 @@ bool KelLoadBalance::SkipBalanceForTarget(const TargetInfo& target) const {
   // Pinned targets are balanced only within their site, the others only over the cluster.
   if (mode == 1 && target.affinitySite.empty()) return true;
   if (mode == 0 && !target.affinitySite.empty()) return true;
-  return std::none_of(target.luns.begin(), target.luns.end(),
-                      [](const HostCtl::Orsa::IscsiTarget::LunInfo& l) {
-                        return l.status == "online";
-                      });
+  return std::none_of(
+      target.luns.begin(), target.luns.end(),
+      [](const HostCtl::Orsa::IscsiTarget::LunInfo& l) { return l.status == "online"; });
 }
 
 void KelLoadBalance::RebalanceTargets() {

@@ -83,7 +83,8 @@ int ClaimOrphanedObjects() {
       // A pinned target goes to a host of its own site when its site has one, so that it does not
       // wait on the wrong site for the periodic site check.
       auto pin = pinned.find(kv.first);
-      std::string domain = pin != pinned.end() && weights.count(pin->second) != 0 ? pin->second : "";
+      std::string domain =
+          pin != pinned.end() && weights.count(pin->second) != 0 ? pin->second : "";
       std::unique_ptr<ConsistHash>& ring = rings[domain];
       if (!ring) ring = std::make_unique<ConsistHash>(weights[domain]);
       if (ring->FindHashNode(kv.first) != self) continue;

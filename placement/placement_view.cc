@@ -44,13 +44,11 @@ PlacementView GetPlacementView(const std::vector<TargetInfo>& targets) {
   }
   view.quota = counted == 0 ? 0 : static_cast<int32_t>((owned + counted - 1) / counted);
   for (auto& kv : hosts) view.hosts.push_back(std::move(kv.second));
-  std::stable_sort(view.hosts.begin(), view.hosts.end(),
-                   [](const PlacementHost& a, const PlacementHost& b) {
-                     auto counts = [](const PlacementHost& h) {
-                       return h.eligible || !h.targets.empty();
-                     };
-                     return counts(a) && !counts(b);
-                   });
+  std::stable_sort(
+      view.hosts.begin(), view.hosts.end(), [](const PlacementHost& a, const PlacementHost& b) {
+        auto counts = [](const PlacementHost& h) { return h.eligible || !h.targets.empty(); };
+        return counts(a) && !counts(b);
+      });
   return view;
 }
 

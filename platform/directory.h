@@ -166,9 +166,9 @@ class Directory {
   virtual NUK_ReturnStatus ListObjectOwners(std::map<std::string, ObjectOwner>* out) = 0;
 
   // Cluster-wide settings: small named texts that belong to no host, so they outlive every lease
-  // (etcd: <prefix>/settings/<name>). A name is 1..64 of [A-Za-z0-9._-], starting with a letter or digit,
-  // else NUK_BAD_PARAM.
-  // Get answers NUK_NOT_FOUND for a setting never set; Set with an empty value removes it.
+  // (etcd: <prefix>/settings/<name>). A name is 1..64 of [A-Za-z0-9._-], starting with a letter or
+  // digit, else NUK_BAD_PARAM. Get answers NUK_NOT_FOUND for a setting never set; Set with an empty
+  // value removes it.
   virtual NUK_ReturnStatus GetClusterSetting(const std::string& name, std::string* value) = 0;
   virtual NUK_ReturnStatus SetClusterSetting(const std::string& name, const std::string& value) = 0;
 };

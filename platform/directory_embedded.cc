@@ -169,9 +169,8 @@ EmbeddedDirectory::EmbeddedDirectory(const HostConfig& config)
                                                "'");
   }
   selfText_ = DirUuidToText(self_);
-  for (const std::string& dir :
-       {config.stateDir, root_, root_ + "/entries", root_ + "/hosts", root_ + "/owners",
-        root_ + "/settings"}) {
+  for (const std::string& dir : {config.stateDir, root_, root_ + "/entries", root_ + "/hosts",
+                                 root_ + "/owners", root_ + "/settings"}) {
     NUK_ReturnStatus st = MakeDir(dir);
     if (st != NUK_OK) {
       throw HostCtl::Lib::Orsa::OrsaCtlException("Directory: cannot create " + dir + ": " +
@@ -486,14 +485,13 @@ NUK_ReturnStatus EmbeddedDirectory::ListObjectOwners(std::map<std::string, Objec
   return NUK_OK;
 }
 
-NUK_ReturnStatus EmbeddedDirectory::GetClusterSetting(const std::string& name,
-                                                     std::string* value) {
+NUK_ReturnStatus EmbeddedDirectory::GetClusterSetting(const std::string& name, std::string* value) {
   if (!IsValidSettingName(name)) return NUK_BAD_PARAM;
   return ReadWholeFile(root_ + "/settings/" + name, value);
 }
 
 NUK_ReturnStatus EmbeddedDirectory::SetClusterSetting(const std::string& name,
-                                                     const std::string& value) {
+                                                      const std::string& value) {
   if (!IsValidSettingName(name)) return NUK_BAD_PARAM;
   if (value.empty()) {
     if (unlink((root_ + "/settings/" + name).c_str()) != 0 && errno != ENOENT) {

@@ -1,6 +1,8 @@
 #include "placement/testing/balance_sim.h"
 
+#include <algorithm>
 #include <cstdio>
+#include <random>
 #include <set>
 
 namespace NukCtl {
@@ -118,6 +120,85 @@ bool BalanceSim::Transfer(const std::string& target, const std::string& expected
   it->second = host;
   ++moves_[target];
   return true;
+}
+
+BalanceSim::Run BalanceSim::RunHost(const std::string& host, const Owners* snapshot) {
+  auto env = EnvFor(host, snapshot);
+  KelLoadBalance lb(*env);
+  Run run;
+  run.host = host;
+  lb.InitLoadBalance();
+  run.clusterLoad = lb.clusterLoad;
+  auto pass = [&] {
+    Pass p;
+    p.mode = lb.mode;
+    p.quota = lb.quota;
+    p.localBefore = lb.localTargets.size();
+    lb.RebalanceTargets();
+    p.moved = static_cast<int>(p.localBefore - lb.localTargets.size());
+    run.passes.push_back(p);
+  };
+  if (env->InStretchedCluster() && lb.IsTargImbalancedInSite()) pass();
+  if (lb.IsTargImbalancedInCluster()) pass();
+  return run;
+}
+
+const char* BalanceSim::OrderName(Order order) {
+  switch (order) {
+    case Order::kInTurn:
+      return "in turn";
+    case Order::kReverse:
+      return "reverse";
+    case Order::kShuffled:
+      return "shuffled";
+    case Order::kSimultaneous:
+      return "simultaneous";
+  }
+  return "?";
+}
+
+BalanceSim::Convergence BalanceSim::Converge(Order order, int maxPeriods, uint32_t seed,
+                                             const std::function<void(const Run&)>& onRun) {
+  std::vector<std::string> eligible;
+  for (const auto& h : hosts_) {
+    if (h.eligible) eligible.push_back(h.uuid);
+  }
+  Convergence c;
+  const int64_t total = static_cast<int64_t>(owners_.size());
+  const int64_t hosts = static_cast<int64_t>(eligible.size());
+  c.quota = hosts == 0 ? 0 : static_cast<int32_t>((total + hosts - 1) / hosts);
+  auto above = [&] {
+    int excess = 0;
+    const std::map<std::string, int> counts = Counts();
+    for (const std::string& h : eligible) excess += std::max(0, counts.at(h) - c.quota);
+    return excess;
+  };
+  c.initialExcess = above();
+  const std::map<std::string, int> movesBefore = moves_;
+  std::mt19937 random(seed);
+  while (c.periods < maxPeriods && above() > 0) {
+    ++c.periods;
+    std::vector<std::string> turn = eligible;
+    if (order == Order::kReverse) std::reverse(turn.begin(), turn.end());
+    if (order == Order::kShuffled) std::shuffle(turn.begin(), turn.end(), random);
+    const Owners snapshot = owners_;
+    int moved = 0;
+    for (const std::string& host : turn) {
+      const Run run = RunHost(host, order == Order::kSimultaneous ? &snapshot : nullptr);
+      for (const Pass& p : run.passes) moved += p.moved;
+      if (onRun) onRun(run);
+    }
+    if (moved == 0) break;
+  }
+  c.withinQuota = above() == 0;
+  for (const auto& kv : Counts()) c.maxCount = std::max(c.maxCount, kv.second);
+  for (const auto& kv : moves_) {
+    auto before = movesBefore.find(kv.first);
+    const int earlier = before == movesBefore.end() ? 0 : before->second;
+    c.moves += kv.second - earlier;
+    c.repeatedMoves += std::max(0, kv.second - earlier - 1);
+  }
+  return c;
 }
 
 }  // namespace Util

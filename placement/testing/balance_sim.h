@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -49,11 +50,45 @@ class BalanceSim {
 
   // The environment of `host`; it reads `snapshot` when given (which must outlive it), else the
   // live owners.
-  std::unique_ptr<LoadBalanceEnv> EnvFor(const std::string& host,
-                                         const Owners* snapshot = nullptr);
+  std::unique_ptr<LoadBalanceEnv> EnvFor(const std::string& host, const Owners* snapshot = nullptr);
 
   // Moves the target when its live owner is still `expected`.
   bool Transfer(const std::string& target, const std::string& expected, const std::string& host);
+
+  // One pass of a run (site or cluster) as it went.
+  struct Pass {
+    int32_t mode = 0;
+    int32_t quota = 0;
+    size_t localBefore = 0;
+    int moved = 0;
+  };
+  // One host's run: the steps of KelLoadBalance::PerformLoadBalance, observed between passes.
+  struct Run {
+    std::string host;
+    std::vector<Pass> passes;
+    KelLoadBalance::LoadMap clusterLoad;  // as gathered, before any move
+  };
+  Run RunHost(const std::string& host, const Owners* snapshot = nullptr);
+
+  // Orders in which the hosts run within one balancing period: one after the other (each seeing
+  // the moves of those before it) in host order, in reverse order, in an order shuffled anew each
+  // period; or all from one snapshot taken at the start of the period.
+  enum class Order { kInTurn, kReverse, kShuffled, kSimultaneous };
+  static const char* OrderName(Order order);
+
+  struct Convergence {
+    int periods = 0;           // periods run
+    bool withinQuota = false;  // no eligible host above the cluster quota at the end
+    int32_t quota = 0;         // ceil(targets / eligible hosts)
+    int maxCount = 0;          // most targets on one host at the end
+    int initialExcess = 0;     // sum of the hosts' counts above quota at the start
+    int moves = 0;
+    int repeatedMoves = 0;  // moves of a target after its first
+  };
+  // Runs periods (every eligible host one run) until no eligible host is above quota or a period
+  // moves nothing, at most `maxPeriods`. `onRun` sees every run.
+  Convergence Converge(Order order, int maxPeriods, uint32_t seed = 1,
+                       const std::function<void(const Run&)>& onRun = nullptr);
 
  private:
   std::vector<SimHost> hosts_;

@@ -62,16 +62,16 @@ class FakeDirectory : public Directory {
 
   DirUuid self_{};
   mutable std::mutex mu_;
-  std::map<std::string, DirEntry> entries_;      // guarded by mu_
-  std::map<std::string, MemberRecord> members_;  // guarded by mu_
-  std::map<std::string, ObjectOwner> owners_;    // guarded by mu_
-  std::map<std::string, std::string> settings_;  // guarded by mu_
-  int64_t revision_ = 0;                         // guarded by mu_
-  NUK_ReturnStatus updateResult_ = NUK_OK;       // guarded by mu_
-  NUK_ReturnStatus findResult_ = NUK_OK;         // guarded by mu_
-  NUK_ReturnStatus membersResult_ = NUK_OK;      // guarded by mu_
-  int updates_ = 0;                              // guarded by mu_
-  std::function<void()> getOwnerHook_;           // guarded by mu_
+  std::map<std::string, DirEntry> entries_;          // guarded by mu_
+  std::map<std::string, MemberRecord> members_;      // guarded by mu_
+  std::map<std::string, ObjectOwner> owners_;        // guarded by mu_
+  std::map<std::string, std::string> settings_;      // guarded by mu_
+  int64_t revision_ = 0;                             // guarded by mu_
+  NUK_ReturnStatus updateResult_ = NUK_OK;           // guarded by mu_
+  NUK_ReturnStatus findResult_ = NUK_OK;             // guarded by mu_
+  NUK_ReturnStatus membersResult_ = NUK_OK;          // guarded by mu_
+  int updates_ = 0;                                  // guarded by mu_
+  std::function<void()> getOwnerHook_;               // guarded by mu_
   std::function<void(const DirEntry&)> updateHook_;  // guarded by mu_
   std::unique_ptr<NotificationHub> hub_;
   std::unique_ptr<SerialExecutor> writer_;

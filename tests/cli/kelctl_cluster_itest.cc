@@ -2,6 +2,7 @@
 // host is listed with its owner on the other, and moves to it.
 #include <gtest/gtest.h>
 
+#include <map>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <thread>
@@ -19,8 +20,10 @@ namespace {
 using nlohmann::json;
 
 platform::HostConfig HostOf(const TempDir& root, const std::string& name,
-                            const std::string& address, const std::string& endpoint) {
+                            const std::string& address, const std::string& endpoint,
+                            const std::string& site) {
   platform::HostConfig c = MakeTestHostConfig(root.path(), name, endpoint, "/kel/cluster-itest");
+  c.hostSite = site;
   c.networkOverride = true;
   c.interfaces["nuk0"] = {address, ""};
   c.daemonControl = "true";
@@ -35,8 +38,8 @@ TEST(KelctlCluster, TargetsAreSeenAndMovedAcrossHosts) {
   std::string error;
   ASSERT_TRUE(etcd.Start(&error)) << error;
   TempDir root;
-  const platform::HostConfig a = HostOf(root, "host-a", "127.0.0.61", etcd.Endpoint());
-  const platform::HostConfig b = HostOf(root, "host-b", "127.0.0.62", etcd.Endpoint());
+  const platform::HostConfig a = HostOf(root, "host-a", "127.0.0.61", etcd.Endpoint(), "east");
+  const platform::HostConfig b = HostOf(root, "host-b", "127.0.0.62", etcd.Endpoint(), "west");
   WriteHostConfigFile(root.Join("a.json"), a);
   WriteHostConfigFile(root.Join("b.json"), b);
   Kelctl ka(root.Join("a.json"));
@@ -58,6 +61,29 @@ TEST(KelctlCluster, TargetsAreSeenAndMovedAcrossHosts) {
   EXPECT_EQ(targets[0]["ownerHostUuid"], a.hostUuid);
   EXPECT_EQ(targets[0]["ownerHostName"], "host-a");
   EXPECT_EQ(targets[0]["luns"].size(), 1u);
+  EXPECT_EQ(targets[0]["ownerHostSite"], "east");
+  EXPECT_NE(kb.Ok({"target", "list"}).out.find("OWNER-SITE"), std::string::npos);
+
+  // The preferred site is one of the members' sites, set once for the whole cluster.
+  CommandResult refused = kb.Run({"cluster", "set-preferred-site", "north"});
+  EXPECT_EQ(refused.exit_code, 1);
+  EXPECT_EQ(LastLine(refused.err),
+            "Site north is not the site of any cluster host (sites: east, west)");
+  kb.Ok({"cluster", "set-preferred-site", "west"});
+  json placement = kb.Json({"cluster", "placement"});
+  EXPECT_EQ(placement["quota"], 1) << placement.dump();
+  EXPECT_EQ(placement["preferredSite"], "west");
+  EXPECT_EQ(placement["nonPreferredSite"], "east");
+  std::map<std::string, json> byName;
+  for (const json& h : placement["hosts"]) byName[h["name"].get<std::string>()] = h;
+  EXPECT_EQ(byName["host-a"]["targets"], json({"t1"}));
+  EXPECT_EQ(byName["host-a"]["role"], "NonPreferred");
+  EXPECT_EQ(byName["host-b"]["count"], 0);
+  EXPECT_EQ(byName["host-b"]["role"], "Preferred");
+  EXPECT_NE(ka.Ok({"cluster", "placement"})
+                .out.find("Quota: 1 targets per host; preferred site: "
+                          "west; non-preferred site: east"),
+            std::string::npos);
 
   // B's own target, then A's target moved to B.
   kb.Ok({"target", "add", "--alias", "t2"});

@@ -126,8 +126,8 @@ TEST_F(AffinityTest, SelectionPicksAtRandomAmongTheEligibleHostsOfTheSite) {
     const std::string host = Util::SelectHostInFaultDomain("Preferred");
     const size_t idx = std::find(preferred.begin(), preferred.end(), host) - preferred.begin();
     ASSERT_LT(idx, preferred.size()) << host;
-    EXPECT_TRUE(capture.Contains("Util: Random Idx[" + std::to_string(idx) + "] select host: " +
-                                 host));
+    EXPECT_TRUE(
+        capture.Contains("Util: Random Idx[" + std::to_string(idx) + "] select host: " + host));
     EXPECT_TRUE(capture.Contains("Util: Skip node(" + maintenance.uuid + ")"));
     picked.insert(host);
   }
@@ -179,7 +179,8 @@ TEST_F(AffinityTest, OrphansOfADeadHostAreClaimedOnceAndInTheirOwnSite) {
   const std::string dead = "0dead000-0000-4000-8000-000000000001";
   std::vector<platform::MemberRecord> members = {Member(env_.self(), "self", "Preferred")};
   for (const char* name : {"p2", "n1", "n2"}) {
-    members.push_back(Member(env_.AddHost(name), name, name[0] == 'p' ? "Preferred" : "NonPreferred"));
+    members.push_back(
+        Member(env_.AddHost(name), name, name[0] == 'p' ? "Preferred" : "NonPreferred"));
   }
   std::vector<TargetSpec> specs;
   for (const char* site : {"Preferred", "NonPreferred", ""}) {

@@ -54,16 +54,8 @@ TEST_F(LoadBalancerTest, ARunIsDueOnPeriodBoundariesWhileBalancingIsOn) {
 TEST_F(LoadBalancerTest, ConsistentHashShedsTheExcessOfMovableTargetsOnly) {
   const std::string a = env_.AddHost("a"), b = env_.AddHost("b"), c = env_.AddHost("c");
   const std::string self = env_.self();
-  const std::vector<std::string> uuids = env_.WriteTargets({{self},
-                                                            {self, "", 1, false},
-                                                            {self},
-                                                            {self, "", 0},
-                                                            {self},
-                                                            {self},
-                                                            {a},
-                                                            {a},
-                                                            {b},
-                                                            {c}});
+  const std::vector<std::string> uuids = env_.WriteTargets(
+      {{self}, {self, "", 1, false}, {self}, {self, "", 0}, {self}, {self}, {a}, {a}, {b}, {c}});
   Balance(2);
   Util::SetCachedLocalTargets({"stale"});
 
@@ -95,7 +87,8 @@ TEST_F(LoadBalancerTest, ConsistentHashShedsTheExcessOfMovableTargetsOnly) {
   for (const std::string& stays : {uuids[1], uuids[3], uuids[5]}) {
     EXPECT_EQ(env_.OwnerOf(stays), self) << stays;
   }
-  EXPECT_EQ(Util::GetCachedLocalTargets(), (std::vector<std::string>{uuids[1], uuids[3], uuids[5]}));
+  EXPECT_EQ(Util::GetCachedLocalTargets(),
+            (std::vector<std::string>{uuids[1], uuids[3], uuids[5]}));
   EXPECT_EQ(capture.Count("Move target ("), 3u);
 }
 

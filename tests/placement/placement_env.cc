@@ -26,8 +26,9 @@ std::string PlacementEnv::AddHost(const std::string& name, const std::string& si
 }
 
 std::vector<std::string> PlacementEnv::WriteTargets(const std::vector<TargetSpec>& targets) {
-  std::string text = "generation 2\nauth-group default {\n\tauth-type none\n}\n"
-                     "portal-group default {\n\tdiscovery-auth-group default\n\tlisten nuk0:3260\n}\n";
+  std::string text =
+      "generation 2\nauth-group default {\n\tauth-type none\n}\n"
+      "portal-group default {\n\tdiscovery-auth-group default\n\tlisten nuk0:3260\n}\n";
   std::vector<std::string> uuids;
   for (size_t i = 0; i < targets.size(); ++i) {
     const TargetSpec& spec = targets[i];

@@ -145,9 +145,9 @@ TEST(DirectoryValues, EntryAndMemberValuesRoundTripAndBase64IsStrict) {
   ASSERT_TRUE(kel::platform::DecodeMemberValue(kel::platform::EncodeMemberValue(m), &back));
   EXPECT_EQ(back.diskFormatVersion, 13);
   // A record written by a host that published no version (or a nonsense one) reads as 0.
-  for (const char* old : {R"({"name":"old","site":"Preferred"})",
-                          R"({"name":"old","diskFormatVersion":"13"})",
-                          R"({"name":"old","diskFormatVersion":300})"}) {
+  for (const char* old :
+       {R"({"name":"old","site":"Preferred"})", R"({"name":"old","diskFormatVersion":"13"})",
+        R"({"name":"old","diskFormatVersion":300})"}) {
     back.diskFormatVersion = 7;
     ASSERT_TRUE(kel::platform::DecodeMemberValue(old, &back)) << old;
     EXPECT_EQ(back.name, "old");
