@@ -184,7 +184,8 @@ BalanceSim::Convergence BalanceSim::Converge(Order order, int maxPeriods, uint32
     const Owners snapshot = owners_;
     int moved = 0;
     for (const std::string& host : turn) {
-      const Run run = RunHost(host, order == Order::kSimultaneous ? &snapshot : nullptr);
+      Run run = RunHost(host, order == Order::kSimultaneous ? &snapshot : nullptr);
+      run.period = c.periods;
       for (const Pass& p : run.passes) moved += p.moved;
       if (onRun) onRun(run);
     }

@@ -65,6 +65,7 @@ class BalanceSim {
   // One host's run: the steps of KelLoadBalance::PerformLoadBalance, observed between passes.
   struct Run {
     std::string host;
+    int period = 0;  // set by Converge, from 1
     std::vector<Pass> passes;
     KelLoadBalance::LoadMap clusterLoad;  // as gathered, before any move
   };

@@ -59,20 +59,18 @@ TEST_F(LoadBalancerTest, ConsistentHashShedsTheExcessOfMovableTargetsOnly) {
   Balance(2);
   Util::SetCachedLocalTargets({"stale"});
 
-  auto dirEnv = Util::MakeDirectoryLoadBalanceEnv();
-  KelLoadBalance first(*dirEnv);
-  first.InitLoadBalance();
-  ASSERT_TRUE(first.IsTargImbalancedInCluster());
-  EXPECT_EQ(first.quota, 3);
-  EXPECT_EQ(first.localTargets.size(), 6u);
-  KelLoadBalance::RebalanceMap plan, again;
-  first.GenerateRebalanceMap(plan);
-  auto otherEnv = Util::MakeDirectoryLoadBalanceEnv();
-  KelLoadBalance second(*otherEnv);
-  second.InitLoadBalance();
-  second.IsTargImbalancedInCluster();
-  second.GenerateRebalanceMap(again);
-  EXPECT_EQ(plan, again) << "the same snapshot gives the same destinations";
+  auto planNow = [] {
+    auto dirEnv = Util::MakeDirectoryLoadBalanceEnv();
+    KelLoadBalance lb(*dirEnv);
+    lb.InitLoadBalance();
+    EXPECT_TRUE(lb.IsTargImbalancedInCluster());
+    EXPECT_EQ(lb.quota, 3);
+    KelLoadBalance::RebalanceMap plan;
+    lb.GenerateRebalanceMap(plan);
+    return plan;
+  };
+  KelLoadBalance::RebalanceMap plan = planNow();
+  EXPECT_EQ(planNow(), plan) << "the same snapshot gives the same destinations";
 
   log::LogCapture capture;
   Util::PerformTargetLoadBlance(4);
@@ -167,7 +165,7 @@ TEST_F(LoadBalancerTest, PinnedTargetsAreBalancedOnlyAmongTheHostsOfTheirSite) {
 }
 
 TEST_F(LoadBalancerTest, TooFewEligibleHostsAbandonTheRun) {
-  const std::string other = env_.AddHost("b");
+  env_.AddHost("b");
   platform::MemberRecord witness = Member("0c0c0c0c-0000-4000-8000-000000000001", "w");
   witness.witness = true;
   platform::MemberRecord maintenance = Member("0c0c0c0c-0000-4000-8000-000000000002", "m");
@@ -189,7 +187,6 @@ TEST_F(LoadBalancerTest, TooFewEligibleHostsAbandonTheRun) {
   EXPECT_TRUE(capture.Contains("Util: Skip node(" + maintenance.uuid + ")"));
   EXPECT_EQ(env_.Counts()[self], 6);
   EXPECT_EQ(Util::GetCachedLocalTargets(), std::vector<std::string>{"before"});
-  (void)other;
 }
 
 }  // namespace

@@ -140,7 +140,6 @@ TEST(DirectoryValues, EntryAndMemberValuesRoundTripAndBase64IsStrict) {
   EXPECT_TRUE(back.maintenance && back.witness && back.agentLease);
   EXPECT_EQ(back.decommission, kel::platform::kDecomInProgress);
   EXPECT_EQ(back.leaseId, "42");
-  EXPECT_EQ(back.diskFormatVersion, 0);
   m.diskFormatVersion = 13;
   ASSERT_TRUE(kel::platform::DecodeMemberValue(kel::platform::EncodeMemberValue(m), &back));
   EXPECT_EQ(back.diskFormatVersion, 13);

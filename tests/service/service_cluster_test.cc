@@ -142,10 +142,6 @@ TEST_F(ServiceCluster, PinningATargetToTheOtherSiteMovesItThereOnceWritten) {
   svc->UpdateTargetConfig(pin);
   EXPECT_EQ(svc->GetTargetInfo("a").affinitySite, "NonPreferred");
   EXPECT_EQ(Kel::Util::GetTargetOwnerHostUuid(a.uuid), kOtherHost);
-  // An update that keeps the pin leaves a target that is in its site where it is.
-  TargetCreateParam keep = NewTarget("a");
-  svc->UpdateTargetConfig(keep);
-  EXPECT_EQ(Kel::Util::GetTargetOwnerHostUuid(a.uuid), kOtherHost);
   pin.affinitySite = "Preferred";
   svc->UpdateTargetConfig(pin);
   EXPECT_EQ(Kel::Util::GetTargetOwnerHostUuid(a.uuid), kHostUuid);
