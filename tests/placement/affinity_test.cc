@@ -36,7 +36,7 @@ class AffinityTest : public ::testing::Test {
 
 TEST_F(AffinityTest, BalancingAndAffinityWaitForOneMemberAtTheDiskFormatVersion) {
   const std::string b = env_.AddHost("b"), c = env_.AddHost("c", "NonPreferred");
-  env_.WriteTargets(std::vector<TargetSpec>(6, TargetSpec{env_.self()}));
+  env_.WriteTargets(std::vector<TargetDesc>(6, TargetDesc{env_.self()}));
   env_.host().SetOption("ORSA-iSCSI", "kelLoadBalanceMethod", 2);
   env_.host().SetOption("ORSA-iSCSI", "kelLoadBalancePeriod", 1);
   const char* kBalanceRefused =
@@ -163,11 +163,11 @@ TEST_F(AffinityTest, OrphansOfADeadHostAreClaimedOnceAndInTheirOwnSite) {
   for (const char* site : {"Preferred", "Preferred", "NonPreferred", "NonPreferred"}) {
     members.push_back(Member(env_.AddHost(site), site, site));
   }
-  std::vector<TargetSpec> specs;
+  std::vector<TargetDesc> descs;
   for (const char* site : {"Preferred", "NonPreferred", ""}) {
-    for (int i = 0; i < 5; ++i) specs.push_back({dead, site});
+    for (int i = 0; i < 5; ++i) descs.push_back({dead, site});
   }
-  const std::vector<std::string> t = env_.WriteTargets(specs);
+  const std::vector<std::string> t = env_.WriteTargets(descs);
 
   auto claims = [&](const std::vector<platform::MemberRecord>& live) {
     std::map<std::string, std::string> claimedBy;  // target -> host
@@ -192,7 +192,7 @@ TEST_F(AffinityTest, OrphansOfADeadHostAreClaimedOnceAndInTheirOwnSite) {
   ASSERT_EQ(claimedBy.size(), t.size());
   std::set<std::string> byUnpinned;
   for (size_t i = 0; i < t.size(); ++i) {
-    const std::string& site = specs[i].site;
+    const std::string& site = descs[i].site;
     const std::string& host = claimedBy[t[i]];
     if (site == "Preferred") EXPECT_TRUE(host == members[0].uuid || host == members[1].uuid);
     if (site == "NonPreferred") EXPECT_TRUE(host == members[2].uuid || host == members[3].uuid);

@@ -150,9 +150,9 @@ TEST_F(LoadBalancerTest, PinnedTargetsAreBalancedOnlyAmongTheHostsOfTheirSite) {
   env_.AddHost("n2", "NonPreferred");
   env_.AddHost("n3", "NonPreferred");
   const std::string self = env_.self();
-  std::vector<TargetSpec> specs(5, TargetSpec{self, "Preferred"});
-  specs.push_back({n1});
-  const std::vector<std::string> uuids = env_.WriteTargets(specs);
+  std::vector<TargetDesc> descs(5, TargetDesc{self, "Preferred"});
+  descs.push_back({n1});
+  const std::vector<std::string> uuids = env_.WriteTargets(descs);
   Balance(2);
 
   // Alone in its site: no site pass, and the cluster pass leaves pinned targets alone.
@@ -173,7 +173,7 @@ TEST_F(LoadBalancerTest, TooFewEligibleHostsAbandonTheRun) {
   env_.dir().SetMember(witness);
   env_.dir().SetMember(maintenance);
   const std::string self = env_.self();
-  env_.WriteTargets(std::vector<TargetSpec>(6, TargetSpec{self}));
+  env_.WriteTargets(std::vector<TargetDesc>(6, TargetDesc{self}));
   Balance(2);
   Util::SetCachedLocalTargets({"before"});
 

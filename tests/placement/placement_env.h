@@ -15,7 +15,7 @@
 namespace kel {
 namespace testing {
 
-struct TargetSpec {
+struct TargetDesc {
   std::string owner;  // host uuid; empty: no owner record
   std::string site;   // affinity site; empty: not pinned
   int luns = 1;
@@ -43,24 +43,24 @@ class PlacementEnv {
     return uuid;
   }
   // Writes kel.conf with these targets ("t<i>", uuid TestUuid(i + 1)) and records their owners.
-  std::vector<std::string> WriteTargets(const std::vector<TargetSpec>& targets) {
+  std::vector<std::string> WriteTargets(const std::vector<TargetDesc>& targets) {
     ConfShape shape;
     for (size_t i = 0; i < targets.size(); ++i) shape.targets.push_back("t" + std::to_string(i));
     std::string text = ConfText(shape);  // targets without LUNs, each ending in "}\n"
     objects_.clear();
     for (size_t i = 0; i < targets.size(); ++i) {
-      const TargetSpec& spec = targets[i];
+      const TargetDesc& desc = targets[i];
       const std::string uuid = TestUuid(static_cast<int>(i) + 1);
-      std::string extra = spec.site.empty() ? "" : "\toption fault-domain " + spec.site + "\n";
-      for (int l = 0; l < spec.luns; ++l) {
+      std::string extra = desc.site.empty() ? "" : "\toption fault-domain " + desc.site + "\n";
+      for (int l = 0; l < desc.luns; ++l) {
         extra += "\tlun " + std::to_string(l) + " {\n\t\tbackend pemo\n\t\tpath " + uuid + "/" +
                  std::to_string(l) + ".pemo\n\t\tsize 2048\n" +
-                 (spec.online ? "" : "\t\toption status offline\n") + "\t}\n";
+                 (desc.online ? "" : "\t\toption status offline\n") + "\t}\n";
       }
       text.insert(text.find("}\n", text.find("owner-id " + uuid)), extra);
       platform::ObjectOwner current;
       fake_->GetObjectOwner(uuid, &current);
-      if (!spec.owner.empty()) fake_->CompareAndSwapObjectOwner(uuid, current.revision, spec.owner);
+      if (!desc.owner.empty()) fake_->CompareAndSwapObjectOwner(uuid, current.revision, desc.owner);
       objects_.push_back(uuid);
     }
     host_.InitConf(text);
