@@ -14,6 +14,7 @@
 #include "platform/clog.h"
 #include "platform/directory.h"
 #include "platform/exception.h"
+#include "platform/fs.h"
 #include "service/orsa_async_plugin.h"
 #include "service/orsa_iscsi_target_impl.h"
 
@@ -161,6 +162,9 @@ int Main(CLI::App& app, CliContext& ctx, int argc, char** argv) {
   // Shut down before the failure is printed, so that the message stays the last line on stderr.
   ctx.Shutdown();
   if (status != 0) {
+    // A fixed message that hides its reason ("lock failed") gets the reason on the line above.
+    const std::string reason = kel::log::FailureReasonFor(failure);
+    if (!reason.empty() && !ctx.verbose) fprintf(stderr, "%s\n", reason.c_str());
     PrintFailure(failure);
     return status;
   }
@@ -189,7 +193,11 @@ void PrintTable(std::ostream& out, const std::vector<std::string>& headers,
   for (const auto& row : rows) print(row);
 }
 
-void PrintJson(std::ostream& out, const nlohmann::json& doc) { out << doc.dump(2) << '\n'; }
+void PrintJson(std::ostream& out, const nlohmann::json& doc) {
+  // Text that a hand-edited kel.conf smuggled in must not make every listing fail: bytes that are
+  // not UTF-8 are shown as U+FFFD.
+  out << doc.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) << '\n';
+}
 
 std::string OrDash(const std::string& s) { return s.empty() ? "-" : s; }
 
@@ -204,18 +212,23 @@ std::string Join(const std::vector<std::string>& items) {
 
 namespace {
 
+// A CHAP secret is at most 16 characters; anything much longer is the wrong file.
+constexpr size_t kMaxSecretFileBytes = 4096;
+
 std::string ReadSecretFile(const std::string& path, bool* stdinUsed) {
-  std::string text;
   if (path == "-") {
     if (*stdinUsed) throw CommandError("only one secret can be read from stdin");
     *stdinUsed = true;
-    text.assign(std::istreambuf_iterator<char>(std::cin), std::istreambuf_iterator<char>());
-  } else {
-    std::ifstream in(path, std::ios::binary);
-    if (!in) throw CommandError("cannot read secret file " + path + ": " + strerror(errno));
-    std::ostringstream buffer;
-    buffer << in.rdbuf();
-    text = buffer.str();
+  }
+  std::string text;
+  const int err = kel::platform::ReadFileBounded(path, kMaxSecretFileBytes, &text);
+  const std::string name = path == "-" ? std::string("from stdin") : "file " + path;
+  if (err == EFBIG) {
+    throw CommandError("secret " + name + " holds more than " +
+                       std::to_string(kMaxSecretFileBytes) + " bytes: not a secret");
+  }
+  if (err != 0) {
+    throw CommandError("cannot read secret " + name + ": " + kel::platform::ErrnoText(err));
   }
   if (!text.empty() && text.back() == '\n') text.pop_back();
   return text;

@@ -10,7 +10,9 @@
 
 #include "cli/commands.h"
 #include "conf/conf.h"
+#include "conf/conf_handle.h"
 #include "conf/writer.h"
+#include "platform/log.h"
 #include "platform/unique_fd.h"
 
 namespace kel {
@@ -28,7 +30,11 @@ ConfPtr LoadConfFile(const std::string& path) {
     KeldCleanConf();
     throw;
   }
-  if (!conf) throw CommandError("Failed to read conf file: " + path);
+  if (!conf) {
+    const std::string message = "Failed to read conf file: " + path;
+    kel::log::NoteFailureReason("Parser", message, NukCtl::Orsa::IscsiTarget::LoadFailureText(path));
+    throw CommandError(message);
+  }
   return conf;
 }
 

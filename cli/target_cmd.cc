@@ -19,6 +19,9 @@ using HostCtl::Orsa::IscsiTarget::LunInfo;
 using HostCtl::Orsa::IscsiTarget::TargetCreateParam;
 using HostCtl::Orsa::IscsiTarget::TargetInfo;
 
+// A pass takes a second; more than a few minutes of passes means the count was mistyped.
+constexpr int kMaxTransferRetries = 300;
+
 struct TargetOptions {
   std::string alias;
   std::string iqn;
@@ -245,7 +248,8 @@ void AddTargetCommands(CLI::App& app, CliContext& ctx) {
   auto retries = std::make_shared<int>(2);
   CLI::App* transfer = noun->add_subcommand("transfer", "Move a target to another host");
   transfer->add_option("--alias", *transferAlias, "Alias of the target")->required();
-  transfer->add_option("--retries", *retries, "Passes after the first one (default: 2)");
+  transfer->add_option("--retries", *retries, "Passes after the first one, 1 s apart (default: 2)")
+      ->check(CLI::Range(0, kMaxTransferRetries));
   transfer->callback([&ctx, transferAlias, retries] {
     ctx.action = [&ctx, transferAlias, retries] { Transfer(ctx, *transferAlias, *retries); };
   });
@@ -253,7 +257,9 @@ void AddTargetCommands(CLI::App& app, CliContext& ctx) {
   auto localRetries = std::make_shared<int>(2);
   CLI::App* transferLocal =
       noun->add_subcommand("transfer-local", "Move every target this host serves to other hosts");
-  transferLocal->add_option("--retries", *localRetries, "Passes after the first one (default: 2)");
+  transferLocal
+      ->add_option("--retries", *localRetries, "Passes after the first one, 1 s apart (default: 2)")
+      ->check(CLI::Range(0, kMaxTransferRetries));
   transferLocal->callback([&ctx, localRetries] {
     ctx.action = [&ctx, localRetries] { TransferLocal(ctx, *localRetries); };
   });

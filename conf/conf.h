@@ -396,5 +396,9 @@ int expand_number(const char* text, uint64_t* out);
 // model (undecodable secret, bad initiator portal, allocation) propagate after everything the
 // parse allocated has been freed. Not re-entrant (see above).
 struct conf* conf_new_from_file(int fd, const char* path, struct conf* oldconf);
+// Why the last conf_new_from_file that returned null refused the file (the syntax error with its
+// line, the rule or check that failed, a file that is not regular or too large); "" otherwise.
+// Read it under the same lock as the load.
+const char* conf_load_failure(void);
 // Deletes the parser's current conf if an aborted parse left one behind.
 void KeldCleanConf(void);

@@ -1,5 +1,7 @@
 #include "conf/conf_file.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <cerrno>
 
@@ -88,6 +90,15 @@ NUK_ReturnStatus OpenLocked(const char* kind, int flags, const char* path, FioHa
   if (path == nullptr || file == nullptr) return NUK_BAD_PARAM;
   log_debugx("requesting %s lock for config file %s", kind, path);
   NUK_ReturnStatus status = OpenWithRetries(path, flags, file, wait_ms);
+  struct stat st = {};
+  if (status == NUK_OK && (fstat(file->fd, &st) != 0 || !S_ISREG(st.st_mode))) {
+    // A directory opens for reading and even locks; its "contents" would then fail deep inside
+    // the scanner.
+    Fio_Close(file);
+    log_warnx("config file %s is not a regular file", path);
+    errno = S_ISDIR(st.st_mode) ? EISDIR : EINVAL;
+    status = NUK_FAILURE;
+  }
   if (status == NUK_OK) {
     log_debugx("%s lock succeeded for config file %s", kind, path);
   } else {

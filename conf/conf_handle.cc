@@ -35,12 +35,12 @@ std::atomic<int> gLockWaitMs{kDefaultLockWaitMs};
 // its printing into a handful of write calls.
 constexpr size_t kStreamBufferSize = 256 * 1024;
 
-// Creates `dir` and its parents (mode 0755 for new ones, like the host log's directory).
+// Creates `dir` and its parents (mode 0700 for new ones: state directories are the owner's).
 bool MakeDirs(const std::string& dir) {
   std::string cur;
   for (size_t i = 0; i <= dir.size(); ++i) {
     if (i == dir.size() || dir[i] == '/') {
-      if (!cur.empty() && mkdir(cur.c_str(), 0755) != 0 && errno != EEXIST) return false;
+      if (!cur.empty() && mkdir(cur.c_str(), 0700) != 0 && errno != EEXIST) return false;
     }
     if (i < dir.size()) cur.push_back(dir[i]);
   }
@@ -73,6 +73,30 @@ class StreamCloser {
 };
 
 }  // namespace
+
+std::string LoadFailureText(const std::string& path) {
+  const std::string reason = conf_load_failure();
+  return reason.empty() ? path + " could not be read" : reason;
+}
+
+std::string OpenFailureReason(const std::string& path, NUK_ReturnStatus status, int err) {
+  if (status == NUK_BUSY) {
+    return path + " stayed locked by another writer for the whole wait";
+  }
+  if (err == ENOENT) {
+    struct stat st;
+    char target[4096];
+    if (lstat(path.c_str(), &st) == 0 && S_ISLNK(st.st_mode)) {
+      ssize_t n = readlink(path.c_str(), target, sizeof(target) - 1);
+      target[n > 0 ? n : 0] = '\0';
+      return path + " is a dangling symbolic link to " + target;
+    }
+    return path + " does not exist (No such file or directory)";
+  }
+  if (err == EISDIR) return path + " is a directory, not a file";
+  if (err == EINVAL) return path + " is not a regular file";
+  return path + ": " + (err != 0 ? strerror(err) : NUK_ReturnStatusToString(status));
+}
 
 void ConfHandle::AddDatastoreStep(std::function<void()> undo, std::function<void()> commit) {
   steps_.push_back({std::move(undo), std::move(commit)});
@@ -129,7 +153,9 @@ void ConfHandle::OpenAndLockConfFile() {
     status = conf_file_open_share_lock(path_.c_str(), &file_, gLockWaitMs.load());
   }
   if (status != NUK_OK) {
-    throw OrsaCtlException("Parser: " + lockType_ + " lock failed on " + path_);
+    const std::string message = "Parser: " + lockType_ + " lock failed on " + path_;
+    kel::log::NoteFailureReason("Parser", message, OpenFailureReason(path_, status, errno));
+    throw OrsaCtlException(message);
   }
 }
 
@@ -142,13 +168,20 @@ void ConfHandle::ReadConfFile() {
     conf_ = nullptr;
     throw;
   }
-  if (conf_ == nullptr) throw OrsaCtlException("Failed to read conf file: " + path_);
+  if (conf_ == nullptr) {
+    const std::string message = "Failed to read conf file: " + path_;
+    kel::log::NoteFailureReason("Parser", message, LoadFailureText(path_));
+    throw OrsaCtlException(message);
+  }
+  fileGeneration_ = conf_->conf_generation;
 }
 
 uint64_t ConfHandle::WriteConfFile() {
   if (conf_ == nullptr) throw OrsaCtlException("Failed to read conf file: " + path_);
   FioHandle temp;
   if (Fio_AtomicTempFile(&file_, &temp) != NUK_OK) {
+    LogError("%s: Cannot create a temporary file beside %s: %s", "Parser", path_.c_str(),
+             Fio_LastErrorText());
     throw OrsaCtlException("Failed to create temp config file");
   }
   // Whatever happens below, nothing may stay at the temporary name; after a good swap the handle
@@ -162,34 +195,41 @@ uint64_t ConfHandle::WriteConfFile() {
     }
   } remover{&temp};
 
-  // The stream writes through a duplicate so that the temporary descriptor (and its lock) stays
-  // open for the sync and the swap.
-  int dup_fd = fcntl(temp.fd, F_DUPFD_CLOEXEC, 0);
-  FILE* stream = dup_fd >= 0 ? fdopen(dup_fd, "w") : nullptr;
-  if (stream == nullptr) {
-    if (dup_fd >= 0) close(dup_fd);
-    throw OrsaCtlException("Failed to create temp config file");
-  }
-  StreamCloser closer(stream);
-  PrepareStream(stream);
   conf_->conf_generation += 1;
-  _WriteConfigToFile(stream);
-  if (ferror(stream) != 0 || closer.Close() != 0) {
+  const std::string text = Parser::WriteConfToString(conf_);
+  if (Fio_Write(&temp, text.data(), text.size()) != NUK_OK) {
     // A short write (a full datastore) must never be swapped in as the configuration.
-    throw OrsaCtlException(std::string("Failed to write temp config file: ") + strerror(errno));
+    throw OrsaCtlException(std::string("Failed to write temp config file: ") + Fio_LastErrorText());
   }
-  if (Fio_Sync(&temp) != NUK_OK) throw OrsaCtlException("Failed to sync temp config");
+  if (Fio_Sync(&temp) != NUK_OK) {
+    LogError("%s: Cannot sync %s: %s", "Parser", temp.path.c_str(), Fio_LastErrorText());
+    throw OrsaCtlException("Failed to sync temp config");
+  }
   const NUK_ReturnStatus swap = Fio_AtomicUpdate(&file_, &temp);
   // The swap happened when the temporary handle was taken over (also when only the directory sync
   // after it failed): the file now describes the datastore after the edit's steps.
   if (!temp.Valid()) {
+    fileGeneration_ = conf_->conf_generation;
     std::vector<DatastoreStep> steps = std::move(steps_);
     steps_.clear();
     for (DatastoreStep& step : steps) {
       if (step.commit) step.commit();
     }
   }
-  if (swap != NUK_OK) throw OrsaCtlException("Failed to swap config and temp config");
+  if (swap != NUK_OK) {
+    if (fileGeneration_ == conf_->conf_generation) {
+      LogError(
+          "%s: %s now holds generation %llu, but syncing its directory failed: %s; the change "
+          "is saved but may not survive a crash of this host",
+          "Parser", path_.c_str(), static_cast<unsigned long long>(fileGeneration_),
+          Fio_LastErrorText());
+    } else {
+      LogError("%s: Cannot rename the temporary file over %s: %s; it still holds generation %llu",
+               "Parser", path_.c_str(), Fio_LastErrorText(),
+               static_cast<unsigned long long>(fileGeneration_));
+    }
+    throw OrsaCtlException("Failed to swap config and temp config");
+  }
   return conf_->conf_generation;
 }
 

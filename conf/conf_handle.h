@@ -43,6 +43,10 @@ class ConfHandle {
   // Prints the model into the backup file (truncating it).
   void UpdateBackupConfigFile();
   uint64_t GetCurrentGenerationNum() const;
+  // The generation that the file at the path holds: the one read, or the one this handle wrote.
+  // After WriteConfFile threw, it tells whether the new file was swapped in all the same (only the
+  // directory sync after the swap failed).
+  uint64_t GetFileGenerationNum() const { return fileGeneration_; }
 
   struct conf* GetConf() const {
     return conf_;
@@ -82,10 +86,17 @@ class ConfHandle {
   FioHandle file_;
   std::string lockType_;
   int mode_ = kShared;
+  uint64_t fileGeneration_ = 0;
   std::vector<DatastoreStep> steps_;  // datastore steps of the edit in progress
 
   static std::mutex _fileLock;  // serialises parses within the process
 };
+
+// Why opening kel.conf at `path` failed with `status` (errno `err`), in words: a missing file, a
+// dangling link, a directory, a lock held too long, a permission.
+std::string OpenFailureReason(const std::string& path, NUK_ReturnStatus status, int err);
+// Why the load of `path` that just failed refused it (conf_load_failure), never empty.
+std::string LoadFailureText(const std::string& path);
 
 }  // namespace IscsiTarget
 }  // namespace Orsa

@@ -837,9 +837,13 @@ lun_size: SIZE STR
 
 %%
 
+// Why the last load failed, in one line (guarded, like the parser, by the parser lock).
+std::string gLoadFailure;
+
 void keldParser_error(const char* msg) {
   log_warnx("error in configuration file at line %d near '%s': %s", gKeldConfLineno,
             keldParser_text != nullptr ? keldParser_text : "", msg);
+  if (gLoadFailure.empty()) gLoadFailure = log_last_warning();
   if (gStream == nullptr) return;
   // Dump the file so that the log shows the context of the error; the scanner's position in the
   // stream is restored afterwards.
@@ -924,7 +928,15 @@ bool RunParser() {
   rewind(gStream);
   gKeldConfLineno = 1;
   keldParser_restart(gStream);
-  int error = keldParser_parse();
+  int error = 1;
+  try {
+    error = keldParser_parse();
+  } catch (...) {
+    ResetParserState();
+    keldParser_lex_destroy();
+    KeldReleaseTokens();
+    throw;
+  }
   ResetParserState();
   keldParser_lex_destroy();
   KeldReleaseTokens();
@@ -938,8 +950,28 @@ void CloseStream() {
   }
 }
 
+// A kel.conf at the cluster limits is well under a megabyte; far more is not a configuration.
+constexpr off_t kMaxConfBytes = 16 * 1024 * 1024;
+
 // Steps 4 to 8, on gConf; false after logging when the load failed.
 bool LoadInto(int fd, const char* path) {
+  struct stat st;
+  if (fstat(fd, &st) != 0) {
+    log_warn("cannot stat configuration file %s", path);
+    return false;
+  }
+  if (!S_ISREG(st.st_mode)) {
+    log_warnx("configuration file %s is %s, not a regular file", path,
+              S_ISDIR(st.st_mode) ? "a directory" : "a device, pipe or socket");
+    gLoadFailure = log_last_warning();
+    return false;
+  }
+  if (st.st_size > kMaxConfBytes) {
+    log_warnx("configuration file %s holds %lld bytes, more than the %lld a configuration may have",
+              path, static_cast<long long>(st.st_size), static_cast<long long>(kMaxConfBytes));
+    gLoadFailure = log_last_warning();
+    return false;
+  }
   int dup_fd = dup(fd);
   if (dup_fd >= 0) {
     gStream = fdopen(dup_fd, "r");
@@ -954,6 +986,8 @@ bool LoadInto(int fd, const char* path) {
   CloseStream();
   if (gPendingError) return false;
   if (!parsed) {
+    // A rule that refuses logs its reason last; a syntax error has recorded its own line.
+    if (gLoadFailure.empty()) gLoadFailure = log_last_warning();
     log_warnx("Failed to parse config file %s", path);
     return false;
   }
@@ -968,6 +1002,7 @@ bool LoadInto(int fd, const char* path) {
   }
   gConf->conf_kernel_port_on = true;
   if (conf_verify(gConf) != 0) {
+    gLoadFailure = log_last_warning();
     log_warnx("failed to validate configuration %s", path);
     return false;
   }
@@ -976,9 +1011,12 @@ bool LoadInto(int fd, const char* path) {
 
 }  // namespace
 
+const char* conf_load_failure(void) { return gLoadFailure.c_str(); }
+
 struct conf* conf_new_from_file(int fd, const char* path, struct conf* oldconf) {
   log_debugx("obtaining configuration from %s", path);
   KeldCleanConf();
+  gLoadFailure.clear();
   gPendingError = nullptr;
   bool ok = false;
   try {

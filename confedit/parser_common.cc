@@ -406,28 +406,67 @@ void DropCachedConfig() {
 
 }  // namespace
 
+void CheckGenerationAheadOfDirectory(const ConfHandle& handle) {
+  uint64_t published = 0;
+  // Nothing published yet, or a directory that cannot answer: the publication after the write
+  // reports the latter.
+  if (KeldGetConfigGenNumInLodex(&published) != NUK_OK) return;
+  const uint64_t current = handle.GetCurrentGenerationNum();
+  if (current < UINT64_MAX && current + 1 > published) return;
+  throw OrsaCtlException(
+      handle.GetPath() + " holds generation " + std::to_string(current) + ", but generation " +
+      std::to_string(published) +
+      " was already published in the directory: the file was replaced or emptied outside kel. "
+      "Nothing was changed. Restore the newest copy of kel.conf (the host agent keeps one at " +
+      ConfHandle::BackupPath() + ") and retry.");
+}
+
 uint64_t ChangeConfFile(const std::function<bool(ConfHandle&)>& edit,
                         const std::function<void(uint64_t)>& written) {
   uint64_t generation = Parser::internal::kNothingWritten;
-  std::exception_ptr publishFailure;
+  std::exception_ptr failure;
+  std::string path;
   {
     ConfHandle handle(ConfHandle::kExclusive);
     if (!edit(handle)) return generation;
-    generation = handle.WriteConfFile();
+    CheckGenerationAheadOfDirectory(handle);
+    path = handle.GetPath();
+    try {
+      generation = handle.WriteConfFile();
+    } catch (const OrsaCtlException&) {
+      // Only the directory sync after the swap failed: the new file is what everyone reads now,
+      // so it is published and the failure reported like a failed publication.
+      if (handle.GetFileGenerationNum() != handle.GetCurrentGenerationNum()) throw;
+      generation = handle.GetFileGenerationNum();
+      failure = std::current_exception();
+    }
     if (written) written(generation);
     try {
       DoActionForConfigChange(generation);
     } catch (const OrsaCtlException&) {
-      publishFailure = std::current_exception();
+      if (!failure) failure = std::current_exception();
     }
   }
-  if (publishFailure) {
-    // The file changed all the same: the cached model is older than it.
-    DropCachedConfig();
-    std::rethrow_exception(publishFailure);
+  if (!failure) {
+    try {
+      ApplyConfigChange(generation);
+      return generation;
+    } catch (const OrsaCtlException&) {
+      failure = std::current_exception();
+    }
   }
-  ApplyConfigChange(generation);
-  return generation;
+  // The file changed all the same: the cached model is older than it.
+  DropCachedConfig();
+  try {
+    std::rethrow_exception(failure);
+  } catch (const OrsaCtlException& e) {
+    // The caller must be able to tell a refused change from a saved one that a later step failed.
+    kel::log::NoteFailureReason(
+        Parser::internal::kTag, e.GetMessage(),
+        "the change is saved: " + path + " now holds generation " + std::to_string(generation) +
+            "; only the step after the write failed");
+    throw;
+  }
 }
 
 void ApplyConfigChange(uint64_t generation) {

@@ -85,8 +85,10 @@ void UpdateTargetConf(const HostCtl::Orsa::IscsiTarget::TargetCreateParam& param
 
 // Removes the target with this alias, its LUN entries, its own auth group and its "pg-..." portal
 // group when no other target uses them; writes and runs the change action. Leaves the datastore
-// alone (the namespace is the caller's).
-void RemoveTargetFromConfFile(std::string alias);
+// alone (the namespace is the caller's). `written` runs once the file holds the removal (see
+// Util::ChangeConfFile), so that the caller can tell a refusal from a failed step after the write.
+void RemoveTargetFromConfFile(std::string alias,
+                              const std::function<void(uint64_t)>& written = nullptr);
 
 // Sets the target option "status" to param.status ("online"/"offline"); empty keeps it.
 void UpdateTargetStatus(const HostCtl::Orsa::IscsiTarget::TargetCreateParam& param,
@@ -209,17 +211,29 @@ namespace Util {
 // One change of kel.conf, the shape every writer follows:
 //  1. an exclusive ConfHandle is opened and `edit` changes its model; `edit` returns false when
 //     there is nothing to write (the handle is closed and nothing else happens);
-//  2. the file is written with generation + 1 and `written` (when given) runs, still under the
+//  2. the generation about to be written must be above the one published in the directory (see
+//     CheckGenerationAheadOfDirectory);
+//  3. the file is written with generation + 1 and `written` (when given) runs, still under the
 //     lock;
-//  3. the new generation is published in the directory (DoActionForConfigChange) while the
+//  4. the new generation is published in the directory (DoActionForConfigChange) while the
 //     exclusive lock is still held: a host's publication can then never overtake the newer one of
 //     the host that writes next, so the directory ends with the file's last generation;
-//  4. the handle is closed, unlocking the file;
-//  5. ApplyConfigChange: only now, since the daemon reads the file under the shared lock.
-// Returns the generation written, or all ones. Failures: from `edit` or the write, nothing is
-// written and the edit's datastore steps are undone; from the publication, the file stays written
-// (`written` has run), the cached configuration is dropped and no reload is asked for; from the
-// reload, everything else is done.
+//  5. the handle is closed, unlocking the file;
+//  6. ApplyConfigChange: only now, since the daemon reads the file under the shared lock.
+// Returns the generation written, or all ones. Failures: from `edit`, the check or the write,
+// nothing is written and the edit's datastore steps are undone; from the publication, the file
+// stays written (`written` has run), the cached configuration is dropped and no reload is asked
+// for; from the reload, everything else is done. A write whose swap succeeded but whose directory
+// sync failed counts as written (it is published, then its failure reported). Whenever the
+// failure comes after the write, the log (and kelctl, above the message) says so and names the
+// generation the file now holds. Other hosts converge on a write whose publication failed through
+// the control thread's re-publication (OrsaIscsiTargetImpl::KelCheckConfigLodexEntry).
+// Refuses (nothing changed) when the file's generation + 1 would not be above the generation
+// published in the directory: kel.conf was replaced, emptied or rolled back outside kel, and a
+// write would hand out a generation that every host has already applied (so none would reload)
+// while its targets vanished. The message says how to restore the file.
+void CheckGenerationAheadOfDirectory(const ConfHandle& handle);
+
 uint64_t ChangeConfFile(const std::function<bool(ConfHandle&)>& edit,
                         const std::function<void(uint64_t)>& written = nullptr);
 

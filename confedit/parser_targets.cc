@@ -169,7 +169,7 @@ void UpdateTargetConf(const TargetCreateParam& param, ConfHandle& handle) {
   UpdateTargetStatus(param, t);
 }
 
-void RemoveTargetFromConfFile(std::string alias) {
+void RemoveTargetFromConfFile(std::string alias, const std::function<void(uint64_t)>& written) {
   LogInfo("%s: Removing target alias %s from config file", kTag, alias.c_str());
   try {
     Util::ChangeConfFile([&](ConfHandle& handle) {
@@ -188,7 +188,7 @@ void RemoveTargetFromConfFile(std::string alias) {
       if (own != nullptr && TargetsUsingAuthGroup(c, own) == 0) auth_group_delete(own);
       CleanupPortalGroup(pg);
       return true;
-    });
+    }, written);
   } catch (const OrsaCtlException& e) {
     LogError("%s: Failed to remove target %s from conf file with error %s", kTag, alias.c_str(),
              e.GetMessage().c_str());

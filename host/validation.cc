@@ -141,6 +141,51 @@ void CheckNoNul(const std::string& value, const char* label) {
   }
 }
 
+// Offset of the first byte that does not belong to well-formed UTF-8 (overlong forms, surrogates
+// and code points above U+10FFFF included), or npos.
+size_t InvalidUtf8Offset(const std::string& text) {
+  size_t i = 0;
+  while (i < text.size()) {
+    const unsigned char c = static_cast<unsigned char>(text[i]);
+    size_t len = 0;
+    unsigned char lo = 0x80, hi = 0xbf;  // bounds of the second byte
+    if (c < 0x80) {
+      ++i;
+      continue;
+    } else if (c >= 0xc2 && c <= 0xdf) {
+      len = 2;
+    } else if (c >= 0xe0 && c <= 0xef) {
+      len = 3;
+      if (c == 0xe0) lo = 0xa0;
+      if (c == 0xed) hi = 0x9f;
+    } else if (c >= 0xf0 && c <= 0xf4) {
+      len = 4;
+      if (c == 0xf0) lo = 0x90;
+      if (c == 0xf4) hi = 0x8f;
+    } else {
+      return i;
+    }
+    if (i + len > text.size()) return i;
+    for (size_t k = 1; k < len; ++k) {
+      const unsigned char b = static_cast<unsigned char>(text[i + k]);
+      if (k == 1 ? (b < lo || b > hi) : (b < 0x80 || b > 0xbf)) return i;
+    }
+    i += len;
+  }
+  return std::string::npos;
+}
+
+// The text is printed in listings and JSON documents, which must never fail on it afterwards. The
+// message names the offending byte rather than echoing it.
+void CheckUtf8(const std::string& value, const char* label) {
+  const size_t bad = InvalidUtf8Offset(value);
+  if (bad == std::string::npos) return;
+  char byte[8];
+  std::snprintf(byte, sizeof(byte), "0x%02X", static_cast<unsigned char>(value[bad]));
+  Fail(std::string("Invalid ") + label + ". It is not valid UTF-8 text (byte " + byte +
+       " at offset " + std::to_string(bad) + ").");
+}
+
 std::string LengthMessage(const char* label, const std::string& value, const char* reason,
                           size_t bound) {
   return std::string("Invalid ") + label + " '" + value + "'. " + reason + std::to_string(bound) +
@@ -213,6 +258,8 @@ std::string FormatMessage(const char* fmt, const std::string& a, int n, const st
 }  // namespace
 
 void VerifyTargetParams(const TargetCreateParam& param) {
+  // Before any message quotes the alias.
+  CheckUtf8(param.alias, "alias");
   if (!Matches(param.iqn, kTargetIqnPattern)) {
     Fail("Invalid IQN '" + param.iqn + "'. Permitted characters A-Z, a-z, 0-9, '.', ':', '-'" +
          " Expected format : iqn.YYYY-MM.domain:TargetName.");
@@ -332,8 +379,13 @@ void ValidateInitiatorGroupName(const std::string& name) {
 }
 
 void VerifyLunParams(LunInfo& lun, bool fillDefaultPolicy) {
+  CheckUtf8(lun.alias, "LUN alias");
   CheckNoDoubleQuote(lun.alias, "alias");
   CheckNoNul(lun.alias, "alias");
+  if (lun.alias.size() > kMaxLunAliasLength) {
+    Fail(LengthMessage("LUN alias", lun.alias, "Permitted length should be less than ",
+                       kMaxLunAliasLength + 1));
+  }
   if (lun.storagePolicy.empty()) {
     if (fillDefaultPolicy) {
       lun.storagePolicy = GetValidationEnv()->DatastoreDefaultPolicy();

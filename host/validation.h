@@ -29,13 +29,14 @@ namespace Util {
 inline constexpr int kDefaultIscsiPort = 3260;
 // Longest accepted IQN / initiator name / initiator group name, in bytes.
 inline constexpr size_t kMaxIqnLength = 223;
-// Longest accepted target alias, in bytes.
+// Longest accepted target alias and LUN alias, in bytes.
 inline constexpr size_t kMaxAliasLength = 127;
+inline constexpr size_t kMaxLunAliasLength = 255;
 
 // --- Targets -----------------------------------------------------------------------------------
 
-// Target creation: IQN pattern and length, alias length, no double quote in alias or CHAP fields,
-// alias not only whitespace (and no NUL byte in those fields).
+// Target creation: alias valid UTF-8, IQN pattern and length, alias length, no double quote in
+// alias or CHAP fields, alias not only whitespace (and no NUL byte in those fields).
 void VerifyTargetParams(const HostCtl::Orsa::IscsiTarget::TargetCreateParam& param);
 
 // The CHAP tuple of a target; failures are wrapped in
@@ -64,7 +65,7 @@ void ValidateInitiatorGroupName(const std::string& name);
 
 // --- LUNs --------------------------------------------------------------------------------------
 
-// No double quote (nor NUL) in the alias; then, for an empty policy, fills in the datastore
+// The alias valid UTF-8, without double quote or NUL, at most kMaxLunAliasLength bytes; then, for an empty policy, fills in the datastore
 // default when `fillDefaultPolicy` (LUN creation) and stops; otherwise verifies the policy and
 // runs VerifyLunPolicyAndAffinity.
 void VerifyLunParams(HostCtl::Orsa::IscsiTarget::LunInfo& lun, bool fillDefaultPolicy);

@@ -14,6 +14,8 @@ namespace {
 
 std::atomic<int> gLogLevel{0};
 
+thread_local std::string tLastWarning;
+
 constexpr size_t kLineMax = 256;  // formatted message, NUL included
 
 std::string FormatMessage(const char* fmt, va_list ap) {
@@ -33,8 +35,14 @@ void EmitC(kel::log::Level level, const std::string& msg, const char* errtext) {
 
 void LogAt(int line_level, kel::log::Level level, bool with_errno, const char* fmt, va_list ap) {
   int saved = errno;
-  if (gLogLevel.load() < line_level) return;
+  const bool warning = level == kel::log::Level::kWarning;
+  if (gLogLevel.load() < line_level && !warning) return;
   std::string msg = FormatMessage(fmt, ap);
+  if (warning) tLastWarning = with_errno ? msg + ": " + strerror(saved) : msg;
+  if (gLogLevel.load() < line_level) {
+    errno = saved;
+    return;
+  }
   EmitC(level, msg, with_errno ? strerror(saved) : nullptr);
   errno = saved;
 }
@@ -42,6 +50,8 @@ void LogAt(int line_level, kel::log::Level level, bool with_errno, const char* f
 }  // namespace
 
 void log_init(int level) { gLogLevel.store(level); }
+
+const char* log_last_warning(void) { return tLastWarning.c_str(); }
 int log_get_level(void) { return gLogLevel.load(); }
 
 void log_warn(const char* fmt, ...) {

@@ -20,3 +20,7 @@ void log_debugx(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
 void log_debugx2(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
 [[noreturn]] void log_err(int eval, const char* fmt, ...) __attribute__((format(printf, 2, 3)));
 [[noreturn]] void log_errx(int eval, const char* fmt, ...) __attribute__((format(printf, 2, 3)));
+
+// The text of the last warning (log_warn/log_warnx, emitted or not) that this thread logged: why a
+// step that only reports "failed" failed. "" before the first one.
+const char* log_last_warning(void);

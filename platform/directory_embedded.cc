@@ -41,7 +41,7 @@ NUK_ReturnStatus MakeDir(const std::string& path) {
   for (size_t pos = 1; pos <= path.size(); ++pos) {
     if (pos != path.size() && path[pos] != '/') continue;
     std::string part = path.substr(0, pos);
-    if (mkdir(part.c_str(), 0755) != 0 && errno != EEXIST) return ErrnoStatus();
+    if (mkdir(part.c_str(), 0700) != 0 && errno != EEXIST) return ErrnoStatus();
   }
   return NUK_OK;
 }

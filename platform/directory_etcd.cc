@@ -30,7 +30,9 @@ bool SameEntry(const DirEntry& a, const DirEntry& b) {
 }  // namespace
 
 EtcdDirectory::EtcdDirectory(const HostConfig& config, DirectoryRole role)
-    : client_(config.etcdEndpoints),
+    : client_(config.etcdEndpoints, 5000,
+              EtcdSecurity{config.etcdTls.caFile, config.etcdTls.certFile, config.etcdTls.keyFile,
+                           config.etcdUser, config.etcdPassword}),
       prefix_(config.etcdPrefix.empty() ? "/kel/default" : config.etcdPrefix),
       selfName_(config.hostName),
       selfSite_(config.hostSite),
@@ -485,7 +487,8 @@ void EtcdDirectory::WatchLoop() {
             for (const json& ev : *events) HandleWatchEvent(ev);
           }
           return true;
-        });
+        },
+        &client_);
     {
       std::unique_lock<std::mutex> lock(stopMu_);
       watchConnected_ = false;

@@ -3,6 +3,7 @@
 #include <curl/curl.h>
 
 #include <cstdlib>
+#include <cstring>
 #include <mutex>
 
 #include "platform/directory.h"
@@ -54,6 +55,32 @@ NUK_ReturnStatus StatusFromGateway(long http, const json& reply) {
   return http >= 500 ? NUK_DIRECTORY_NOT_RUNNING : NUK_FAILURE;
 }
 
+// A TLS failure is not an outage: asking the next endpoint with the same certificate would only
+// hide the reason.
+bool TlsFailure(CURLcode rc, const char* detail) {
+  switch (rc) {
+    case CURLE_SSL_CONNECT_ERROR:
+    case CURLE_PEER_FAILED_VERIFICATION:
+    case CURLE_SSL_CERTPROBLEM:
+    case CURLE_SSL_CIPHER:
+    case CURLE_SSL_CACERT_BADFILE:
+    case CURLE_SSL_ISSUER_ERROR:
+      return true;
+    default:
+      break;
+  }
+  // A server that refuses the client certificate says so in an alert after the handshake.
+  return strstr(detail, "SSL") != nullptr && strstr(detail, "alert") != nullptr;
+}
+
+void ApplySecurity(CURL* curl, const EtcdSecurity& security) {
+  if (!security.caFile.empty()) curl_easy_setopt(curl, CURLOPT_CAINFO, security.caFile.c_str());
+  if (!security.certFile.empty()) {
+    curl_easy_setopt(curl, CURLOPT_SSLCERT, security.certFile.c_str());
+    curl_easy_setopt(curl, CURLOPT_SSLKEY, security.keyFile.c_str());
+  }
+}
+
 bool ConnectionFailure(CURLcode rc) {
   return rc == CURLE_COULDNT_CONNECT || rc == CURLE_COULDNT_RESOLVE_HOST ||
          rc == CURLE_OPERATION_TIMEDOUT || rc == CURLE_RECV_ERROR || rc == CURLE_SEND_ERROR ||
@@ -62,8 +89,8 @@ bool ConnectionFailure(CURLcode rc) {
 
 }  // namespace
 
-EtcdClient::EtcdClient(std::vector<std::string> endpoints, long timeoutMs)
-    : endpoints_(std::move(endpoints)), timeoutMs_(timeoutMs) {
+EtcdClient::EtcdClient(std::vector<std::string> endpoints, long timeoutMs, EtcdSecurity security)
+    : endpoints_(std::move(endpoints)), timeoutMs_(timeoutMs), security_(std::move(security)) {
   EnsureCurlInit();
 }
 
@@ -123,24 +150,73 @@ bool EtcdClient::DecodeKeyValue(const json& kv, KeyValue* out) {
   return !out->key.empty();
 }
 
+NUK_ReturnStatus EtcdClient::AuthToken(std::string* token, bool refresh) {
+  token->clear();
+  if (security_.user.empty()) return NUK_OK;
+  std::lock_guard<std::mutex> guard(tokenMu_);
+  if (!refresh && !token_.empty()) {
+    *token = token_;
+    return NUK_OK;
+  }
+  json reply;
+  int64_t code = 0;
+  const std::string payload =
+      json{{"name", security_.user}, {"password", security_.password}}.dump();
+  NUK_ReturnStatus st = CallOnce("/v3/auth/authenticate", payload, "", &reply, &code);
+  if (st != NUK_OK) {
+    // Code 3 is what etcd answers for a wrong user or password.
+    if (code == 3) {
+      tLastError = "etcd refused user '" + security_.user + "': " + tLastError;
+      return NUK_NO_PERMISSION;
+    }
+    return st;
+  }
+  auto it = reply.find("token");
+  if (it == reply.end() || !it->is_string() || it->get<std::string>().empty()) {
+    tLastError = "etcd answered the authentication of '" + security_.user + "' without a token";
+    return NUK_NO_PERMISSION;
+  }
+  token_ = it->get<std::string>();
+  *token = token_;
+  return NUK_OK;
+}
+
 NUK_ReturnStatus EtcdClient::Call(const std::string& path, const json& body, json* reply) {
+  std::string token;
+  NUK_ReturnStatus st = AuthToken(&token);
+  if (st != NUK_OK) return st;
+  const std::string payload = body.dump();
+  int64_t code = 0;
+  st = CallOnce(path, payload, token, reply, &code);
+  // Tokens expire (and die with a restart of etcd): one new token, one more try.
+  if (st != NUK_OK && !token.empty() && code == 16) {
+    st = AuthToken(&token, true);
+    if (st == NUK_OK) st = CallOnce(path, payload, token, reply, &code);
+  }
+  return st;
+}
+
+NUK_ReturnStatus EtcdClient::CallOnce(const std::string& path, const std::string& payload,
+                                      const std::string& token, json* reply, int64_t* code) {
+  *code = 0;
   if (endpoints_.empty()) {
     tLastError = "no etcd endpoint configured";
     return NUK_DIRECTORY_NOT_RUNNING;
   }
-  std::string payload = body.dump();
   CURL* curl = static_cast<CURL*>(AcquireHandle());
   if (curl == nullptr) {
     tLastError = "curl_easy_init failed";
     return NUK_NO_MEMORY;
   }
   curl_slist* headers = curl_slist_append(nullptr, "Content-Type: application/json");
+  if (!token.empty()) headers = curl_slist_append(headers, ("Authorization: " + token).c_str());
   NUK_ReturnStatus status = NUK_DIRECTORY_NOT_RUNNING;
   size_t start = preferred_.load();
   for (size_t attempt = 0; attempt < endpoints_.size(); ++attempt) {
     size_t index = (start + attempt) % endpoints_.size();
     std::string url = endpoints_[index] + path;
     std::string answer;
+    char detail[CURL_ERROR_SIZE] = {0};
     curl_easy_reset(curl);
     curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
     curl_easy_setopt(curl, CURLOPT_POST, 1L);
@@ -149,12 +225,19 @@ NUK_ReturnStatus EtcdClient::Call(const std::string& path, const json& body, jso
     curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headers);
     curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, AppendBody);
     curl_easy_setopt(curl, CURLOPT_WRITEDATA, &answer);
+    curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, detail);
     curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
     curl_easy_setopt(curl, CURLOPT_TIMEOUT_MS, timeoutMs_);
     curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT_MS, 1000L);
+    ApplySecurity(curl, security_);
     CURLcode rc = curl_easy_perform(curl);
+    curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, nullptr);
     if (rc != CURLE_OK) {
-      tLastError = url + ": " + curl_easy_strerror(rc);
+      tLastError = url + ": " + (detail[0] != '\0' ? detail : curl_easy_strerror(rc));
+      if (TlsFailure(rc, detail)) {
+        status = NUK_NO_PERMISSION;
+        break;
+      }
       status = NUK_DIRECTORY_NOT_RUNNING;
       if (ConnectionFailure(rc)) continue;
       break;
@@ -170,6 +253,7 @@ NUK_ReturnStatus EtcdClient::Call(const std::string& path, const json& body, jso
       break;
     }
     tLastError = url + ": HTTP " + std::to_string(http) + " " + answer;
+    *code = JsonInt(parsed, "code");
     status = StatusFromGateway(http, parsed);
     // A member without quorum may be cut off from the others: ask the next one.
     if (status == NUK_DIRECTORY_NOT_RUNNING) continue;
@@ -304,9 +388,14 @@ size_t StreamBody(char* ptr, size_t size, size_t nmemb, void* userdata) {
 }  // namespace
 
 NUK_ReturnStatus EtcdWatchStream::Run(const std::string& endpoint, const json& createRequest,
-                                      const LineFn& fn) {
+                                      const LineFn& fn, EtcdClient* client) {
   EnsureCurlInit();
   if (cancelled_.load()) return NUK_OK;
+  std::string token;
+  if (client != nullptr) {
+    NUK_ReturnStatus st = client->AuthToken(&token);
+    if (st != NUK_OK) return st == NUK_NO_PERMISSION ? st : NUK_DIRECTORY_NOT_RUNNING;
+  }
   std::string payload = json{{"create_request", createRequest}}.dump();
   std::string url = endpoint + "/v3/watch";
   StreamState state;
@@ -319,6 +408,8 @@ NUK_ReturnStatus EtcdWatchStream::Run(const std::string& endpoint, const json& c
     return NUK_NO_MEMORY;
   }
   curl_slist* headers = curl_slist_append(nullptr, "Content-Type: application/json");
+  if (!token.empty()) headers = curl_slist_append(headers, ("Authorization: " + token).c_str());
+  if (client != nullptr) ApplySecurity(curl, client->Security());
   curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
   curl_easy_setopt(curl, CURLOPT_POST, 1L);
   curl_easy_setopt(curl, CURLOPT_POSTFIELDS, payload.c_str());

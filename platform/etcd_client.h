@@ -8,7 +8,9 @@
 // NUK_FAILURE. LastErrorText() gives the detail of the calling thread's last failure.
 //
 // Unary calls try the endpoints in turn, starting with the one that answered last. Thread-safe:
-// calls from several threads run in parallel on pooled connections.
+// calls from several threads run in parallel on pooled connections. A TLS handshake that fails
+// (no client certificate, one etcd does not trust, a server certificate this host does not trust)
+// is NUK_NO_PERMISSION with the TLS library's reason in LastErrorText(); so is a refused user.
 #pragma once
 
 #include <atomic>
@@ -24,6 +26,16 @@
 namespace kel {
 namespace platform {
 
+// How to reach a secured etcd: TLS files for https:// endpoints (CA empty: the system's CAs;
+// certificate and key: this host's client certificate) and an etcd user. Empty fields are unused.
+struct EtcdSecurity {
+  std::string caFile;
+  std::string certFile;
+  std::string keyFile;
+  std::string user;
+  std::string password;
+};
+
 class EtcdClient {
  public:
   using json = nlohmann::json;
@@ -37,7 +49,8 @@ class EtcdClient {
     int64_t lease = 0;
   };
 
-  explicit EtcdClient(std::vector<std::string> endpoints, long timeoutMs = 5000);
+  explicit EtcdClient(std::vector<std::string> endpoints, long timeoutMs = 5000,
+                      EtcdSecurity security = EtcdSecurity());
   ~EtcdClient();
   EtcdClient(const EtcdClient&) = delete;
   EtcdClient& operator=(const EtcdClient&) = delete;
@@ -67,6 +80,11 @@ class EtcdClient {
   NUK_ReturnStatus LeaseRevoke(int64_t id);
 
   const std::vector<std::string>& Endpoints() const { return endpoints_; }
+  const EtcdSecurity& Security() const { return security_; }
+  // The "Authorization" header value for the configured user ("" without one): a token obtained
+  // from /v3/auth/authenticate and kept until etcd refuses it. `refresh` asks for a new one.
+  // NUK_OK, or the failure of the authentication (LastErrorText() says why).
+  NUK_ReturnStatus AuthToken(std::string* token, bool refresh = false);
   static std::string PrefixEnd(const std::string& prefix);
   static int64_t JsonInt(const json& object, const char* key);
   static bool DecodeKeyValue(const json& kv, KeyValue* out);
@@ -76,8 +94,15 @@ class EtcdClient {
   void* AcquireHandle();
   void ReleaseHandle(void* handle);
 
+  // One POST without authentication retry; `token` is sent when not empty.
+  NUK_ReturnStatus CallOnce(const std::string& path, const std::string& payload,
+                            const std::string& token, json* reply, int64_t* code);
+
   std::vector<std::string> endpoints_;
   long timeoutMs_;
+  EtcdSecurity security_;
+  std::mutex tokenMu_;
+  std::string token_;  // guarded by tokenMu_
   std::atomic<size_t> preferred_{0};
   std::mutex poolMu_;
   std::vector<void*> pool_;  // idle curl easy handles; guarded by poolMu_
@@ -96,8 +121,9 @@ class EtcdWatchStream {
   // Sends {"create_request": createRequest} to `endpoint` and calls `fn` for every line until the
   // stream ends, Cancel() is called, or `fn` returns false. Returns NUK_OK when stopped by `fn` or
   // Cancel(), NUK_DIRECTORY_NOT_RUNNING when the connection failed or dropped.
+  // `client` (optional) lends its TLS settings and authentication token.
   NUK_ReturnStatus Run(const std::string& endpoint, const nlohmann::json& createRequest,
-                       const LineFn& fn);
+                       const LineFn& fn, EtcdClient* client = nullptr);
   // Ends the running (or next) Run() promptly; thread-safe. Reset() re-arms the stream.
   void Cancel();
   void Reset();

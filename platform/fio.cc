@@ -8,11 +8,17 @@
 
 #include <cerrno>
 #include <cstring>
+#include <utility>
 #include <vector>
 
 namespace {
 
 thread_local int tLastErrno = 0;
+
+FioFaultHook gFaultHook;  // test-only; set while no Fio call runs
+
+// The injected failure for `step`, or 0.
+int Injected(FioStep step, const std::string& path) { return gFaultHook ? gFaultHook(step, path) : 0; }
 
 // A lock that a rename replaced under us is only worth a few more tries: each retry means another
 // writer swapped the file in between, and the caller's own retry loop takes over after that.
@@ -153,6 +159,7 @@ NUK_ReturnStatus Fio_AtomicTempFile(const FioHandle* file, FioHandle* temp) {
   if (file == nullptr || !file->Valid() || file->path.empty()) return NUK_BAD_PARAM;
   if (file->lock == FIO_LOCK_EXCLUSIVE) RemoveStaleTemps(file->path);
 
+  if (int err = Injected(FioStep::kTempCreate, file->path)) return Fail(err, Op::kOther);
   std::string pattern = DirOf(file->path) + "/" + TempPrefix(file->path) + "XXXXXX";
   std::vector<char> name(pattern.begin(), pattern.end());
   name.push_back('\0');
@@ -172,8 +179,25 @@ NUK_ReturnStatus Fio_AtomicTempFile(const FioHandle* file, FioHandle* temp) {
 
 NUK_ReturnStatus Fio_Sync(const FioHandle* file) {
   if (file == nullptr || !file->Valid()) return NUK_BAD_PARAM;
+  if (int err = Injected(FioStep::kSync, file->path)) return Fail(err, Op::kOther);
   if (fsync(file->fd) != 0) return Fail(errno, Op::kOther);
   return NUK_OK;
+}
+
+NUK_ReturnStatus Fio_Write(const FioHandle* file, const void* data, size_t len) {
+  if (file == nullptr || !file->Valid() || (data == nullptr && len > 0)) return NUK_BAD_PARAM;
+  const char* p = static_cast<const char*>(data);
+  int injected = Injected(FioStep::kWrite, file->path);
+  // An injected failure strikes half way, like a disk that fills up during the write.
+  const size_t end = injected != 0 ? len / 2 : len;
+  size_t done = 0;
+  while (done < end) {
+    ssize_t n = write(file->fd, p + done, end - done);
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) return Fail(errno, Op::kOther);
+    done += static_cast<size_t>(n);
+  }
+  return injected != 0 ? Fail(injected, Op::kOther) : NUK_OK;
 }
 
 NUK_ReturnStatus Fio_AtomicUpdate(FioHandle* file, FioHandle* temp) {
@@ -183,6 +207,7 @@ NUK_ReturnStatus Fio_AtomicUpdate(FioHandle* file, FioHandle* temp) {
   }
   // mkostemp already made it 0600; the explicit mode keeps the secrets private whatever the umask.
   if (fchmod(temp->fd, 0600) != 0) return Fail(errno, Op::kOther);
+  if (int err = Injected(FioStep::kRename, file->path)) return Fail(err, Op::kOther);
   if (rename(temp->path.c_str(), file->path.c_str()) != 0) return Fail(errno, Op::kOther);
 
   // From here on the path names the temporary file's inode, which this handle already holds
@@ -192,6 +217,7 @@ NUK_ReturnStatus Fio_AtomicUpdate(FioHandle* file, FioHandle* temp) {
   file->fd = temp->fd;
   Invalidate(temp);
 
+  if (int err = Injected(FioStep::kDirSync, file->path)) return Fail(err, Op::kOther);
   int dfd = open(DirOf(file->path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   if (dfd < 0) return Fail(errno, Op::kOther);
   int rc = fsync(dfd);
@@ -242,5 +268,7 @@ NUK_ReturnStatus Fio_LockIntent(const char* path, int lock, FioHandle* out) {
 }
 
 const char* Fio_LastErrorText(void) { return strerror(tLastErrno); }
+
+void Fio_SetFaultHookForTest(FioFaultHook hook) { gFaultHook = std::move(hook); }
 
 int Fio_LastErrno(void) { return tLastErrno; }

@@ -11,6 +11,8 @@
 // file is missing, NUK_NO_PERMISSION, NUK_IO_ERROR, NUK_FAILURE otherwise.
 #pragma once
 
+#include <cstddef>
+#include <functional>
 #include <string>
 
 #include "platform/status.h"
@@ -61,7 +63,23 @@ NUK_ReturnStatus Fio_RemoveTemp(FioHandle* temp);
 NUK_ReturnStatus Fio_LockIntent(const char* path, int lock, FioHandle* out);
 // The intent file of `path` (whoever removes the folder removes it with `path`).
 std::string Fio_IntentPath(const std::string& path);
+// Writes all `len` bytes at the descriptor's current offset (short writes are continued).
+NUK_ReturnStatus Fio_Write(const FioHandle* file, const void* data, size_t len);
 // Text of the system error behind the last failing Fio call of this thread.
 const char* Fio_LastErrorText(void);
 // errno value behind the last failing Fio call of this thread (0 if none).
 int Fio_LastErrno(void);
+
+// Test-only fault injection. The steps of an atomic replacement at which a test can make the
+// system call fail (or stop the process, to stand for a crash at that moment).
+enum class FioStep {
+  kTempCreate,  // Fio_AtomicTempFile
+  kWrite,       // Fio_Write: half of the data is written before the failure, as on a full disk
+  kSync,        // Fio_Sync
+  kRename,      // the rename of Fio_AtomicUpdate
+  kDirSync,     // the directory sync after that rename
+};
+// Called before each step with the path it works on; a non-zero errno value makes the step fail
+// with it. nullptr (the default) removes the hook. Must not race with Fio calls.
+using FioFaultHook = std::function<int(FioStep step, const std::string& path)>;
+void Fio_SetFaultHookForTest(FioFaultHook hook);

@@ -220,6 +220,29 @@ void SetFsForTest(Fs* fs) { gFs.store(fs); }
 
 Fs& LinuxFs() { return gLinuxFs; }
 
+int ReadFileBounded(const std::string& path, size_t maxBytes, std::string* data) {
+  data->clear();
+  const bool standardInput = path == "-";
+  UniqueFd owned(standardInput ? -1 : open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  const int fd = standardInput ? STDIN_FILENO : owned.get();
+  if (fd < 0) return errno;
+  struct stat st;
+  if (fstat(fd, &st) != 0) return errno;
+  if (S_ISDIR(st.st_mode)) return EISDIR;
+  char buf[8192];
+  for (;;) {
+    ssize_t n = read(fd, buf, sizeof(buf));
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) return errno;
+    if (n == 0) return 0;
+    if (data->size() + static_cast<size_t>(n) > maxBytes) {
+      data->clear();
+      return EFBIG;
+    }
+    data->append(buf, static_cast<size_t>(n));
+  }
+}
+
 std::string ErrnoText(int err) {
   char buf[256];
   // GNU strerror_r returns the text, which may or may not be in buf.

@@ -75,6 +75,10 @@ void SetFsForTest(Fs* fs);
 // The Linux implementation (a test fake wraps it to inject failures into real file operations).
 Fs& LinuxFs();
 
+// Reads at most `maxBytes` from `path` ("-" is standard input): EFBIG when there is more, EISDIR
+// for a directory. Works on pipes and devices too, so that a read of /dev/zero ends at the bound.
+int ReadFileBounded(const std::string& path, size_t maxBytes, std::string* data);
+
 // Text of an errno value ("No such file or directory"). The one place errno becomes text here.
 std::string ErrnoText(int err);
 

@@ -1,12 +1,15 @@
 #include "platform/host_config.h"
 
+#include <arpa/inet.h>
 #include <fcntl.h>
+#include <netinet/in.h>
 #include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <uuid/uuid.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
@@ -16,6 +19,7 @@
 #include <sstream>
 
 #include "platform/exception.h"
+#include "platform/fs.h"
 
 namespace kel {
 namespace platform {
@@ -65,8 +69,14 @@ std::string GetString(const std::string& file, const json& obj, const std::strin
   return v.get<std::string>();
 }
 
-int64_t GetInt(const std::string& file, const json& v, const std::string& where) {
+int64_t GetInt(const std::string& file, const json& v, const std::string& where,
+               int64_t lo = INT64_MIN, int64_t hi = INT64_MAX) {
   if (!v.is_number_integer()) Refuse(file, "'" + where + "' must be an integer");
+  if ((v.is_number_unsigned() && v.get<uint64_t>() > static_cast<uint64_t>(INT64_MAX)) ||
+      v.get<int64_t>() < lo || v.get<int64_t>() > hi) {
+    Refuse(file, "'" + where + "' must be between " + std::to_string(lo) + " and " +
+                     std::to_string(hi));
+  }
   return v.get<int64_t>();
 }
 
@@ -102,15 +112,86 @@ HostConfig EmbeddedHostConfig() {
   return c;
 }
 
-HostConfig LoadHostConfigFile(const std::string& path) {
-  std::ifstream in(path);
-  if (!in) Refuse(path, std::string("cannot be read: ") + strerror(errno));
-  json doc;
+namespace {
+
+// A host configuration is a few hundred bytes; a megabyte is not one.
+constexpr size_t kMaxHostConfigBytes = 1024 * 1024;
+
+// Parses `text`, refusing a key given twice in one object (the JSON library would silently keep
+// the last one, and a second "stateDir" would quietly move the host's state).
+json ParseRefusingDuplicates(const std::string& file, const std::string& text) {
+  std::vector<std::set<std::string>> seen;
+  std::vector<std::string> where;  // dotted path of each open object
+  std::string lastKey;
+  json::parser_callback_t check = [&](int, json::parse_event_t event, json& parsed) {
+    switch (event) {
+      case json::parse_event_t::object_start:
+        where.push_back(where.empty() ? std::string() : where.back().empty() ? lastKey
+                                                                               : where.back() + "." + lastKey);
+        seen.emplace_back();
+        break;
+      case json::parse_event_t::object_end:
+        if (!seen.empty()) seen.pop_back();
+        if (!where.empty()) where.pop_back();
+        break;
+      case json::parse_event_t::key: {
+        lastKey = parsed.get<std::string>();
+        if (!seen.empty() && !seen.back().insert(lastKey).second) {
+          const std::string& at = where.back();
+          Refuse(file, "key '" + (at.empty() ? lastKey : at + "." + lastKey) +
+                           "' is given more than once");
+        }
+        break;
+      }
+      default:
+        break;
+    }
+    return true;
+  };
   try {
-    doc = json::parse(in);
-  } catch (const json::parse_error& e) {
-    Refuse(path, std::string("not valid JSON: ") + e.what());
+    return json::parse(text, check);
+  } catch (const json::exception& e) {
+    // Also number overflows ("1e999"), which are not parse errors to the library.
+    Refuse(file, std::string("not valid JSON: ") + e.what());
   }
+}
+
+// An interface address must be one the system can bind: "999.1.1.1" is not.
+void CheckAddress(const std::string& file, const std::string& where, const std::string& text,
+                  int family) {
+  if (text.empty()) return;
+  unsigned char buf[sizeof(struct in6_addr)];
+  if (inet_pton(family, text.c_str(), buf) != 1) {
+    Refuse(file, "'" + where + "' is not an " + (family == AF_INET ? "IPv4" : "IPv6") +
+                     " address: \"" + text + "\"");
+  }
+}
+
+// A file named in the configuration must be readable now, not at the first connection.
+void CheckReadableFile(const std::string& file, const std::string& where,
+                       const std::string& path) {
+  std::string ignored;
+  int err = ReadFileBounded(path, kMaxHostConfigBytes, &ignored);
+  if (err != 0) Refuse(file, "'" + where + "' (" + path + ") cannot be read: " + ErrnoText(err));
+}
+
+}  // namespace
+
+HostConfig LoadHostConfigFile(const std::string& path) {
+  std::string text;
+  int err = ReadFileBounded(path, kMaxHostConfigBytes, &text);
+  if (err == EFBIG) {
+    Refuse(path, "larger than " + std::to_string(kMaxHostConfigBytes) + " bytes");
+  } else if (err == EISDIR) {
+    Refuse(path, "cannot be read: it is a directory");
+  } else if (err != 0) {
+    Refuse(path, "cannot be read: " + ErrnoText(err));
+  }
+  return ParseHostConfigText(path, text);
+}
+
+HostConfig ParseHostConfigText(const std::string& path, const std::string& text) {
+  json doc = ParseRefusingDuplicates(path, text);
   HostConfig c = EmbeddedHostConfig();
   c.sourcePath = path;
   CheckObject(path, doc, "",
@@ -140,7 +221,9 @@ HostConfig LoadHostConfigFile(const std::string& path) {
   if (!datastore_given) c.datastorePath = c.stateDir + "/datastore";
   if (doc.contains("directory")) {
     const json& d = doc["directory"];
-    CheckObject(path, d, "directory", {"backend", "endpoints", "prefix", "leaseTtlSeconds"});
+    CheckObject(path, d, "directory",
+                {"backend", "endpoints", "prefix", "leaseTtlSeconds", "tls", "username",
+                 "passwordFile"});
     c.directoryBackend = GetString(path, d, "backend", "directory.backend", "embedded");
     if (c.directoryBackend != "embedded" && c.directoryBackend != "etcd") {
       Refuse(path, "'directory.backend' must be \"embedded\" or \"etcd\"");
@@ -154,9 +237,40 @@ HostConfig LoadHostConfigFile(const std::string& path) {
     }
     c.etcdPrefix = GetString(path, d, "prefix", "directory.prefix", "");
     if (d.contains("leaseTtlSeconds")) {
-      c.leaseTtlSeconds = static_cast<int>(GetInt(path, d["leaseTtlSeconds"],
-                                                  "directory.leaseTtlSeconds"));
-      if (c.leaseTtlSeconds < 2) Refuse(path, "'directory.leaseTtlSeconds' must be at least 2");
+      c.leaseTtlSeconds = static_cast<int>(
+          GetInt(path, d["leaseTtlSeconds"], "directory.leaseTtlSeconds", 2, 3600));
+    }
+    for (const std::string& e : c.etcdEndpoints) {
+      if (e.rfind("http://", 0) != 0 && e.rfind("https://", 0) != 0) {
+        Refuse(path, "'directory.endpoints' must be http:// or https:// URLs: \"" + e + "\"");
+      }
+    }
+    if (d.contains("tls")) {
+      const json& t = d["tls"];
+      CheckObject(path, t, "directory.tls", {"caFile", "certFile", "keyFile"});
+      c.etcdTls.caFile = GetString(path, t, "caFile", "directory.tls.caFile", "");
+      c.etcdTls.certFile = GetString(path, t, "certFile", "directory.tls.certFile", "");
+      c.etcdTls.keyFile = GetString(path, t, "keyFile", "directory.tls.keyFile", "");
+      if (c.etcdTls.certFile.empty() != c.etcdTls.keyFile.empty()) {
+        Refuse(path, "'directory.tls.certFile' and 'directory.tls.keyFile' go together");
+      }
+      CheckReadableFile(path, "directory.tls.caFile", c.etcdTls.caFile);
+      CheckReadableFile(path, "directory.tls.certFile", c.etcdTls.certFile);
+      CheckReadableFile(path, "directory.tls.keyFile", c.etcdTls.keyFile);
+    }
+    c.etcdUser = GetString(path, d, "username", "directory.username", "");
+    const std::string passwordFile =
+        GetString(path, d, "passwordFile", "directory.passwordFile", "");
+    if (c.etcdUser.empty() != passwordFile.empty()) {
+      Refuse(path, "'directory.username' and 'directory.passwordFile' go together");
+    }
+    if (!passwordFile.empty()) {
+      int perr = ReadFileBounded(passwordFile, 4096, &c.etcdPassword);
+      if (perr != 0) {
+        Refuse(path, "'directory.passwordFile' (" + passwordFile +
+                         ") cannot be read: " + ErrnoText(perr));
+      }
+      if (!c.etcdPassword.empty() && c.etcdPassword.back() == '\n') c.etcdPassword.pop_back();
     }
     if (c.directoryBackend == "etcd") {
       if (c.etcdEndpoints.empty()) Refuse(path, "'directory.endpoints' must name an endpoint");
@@ -176,6 +290,8 @@ HostConfig LoadHostConfigFile(const std::string& path) {
         HostConfig::Nic nic;
         nic.ipv4 = GetString(path, it.value(), "ipv4", where + ".ipv4", "");
         nic.ipv6 = GetString(path, it.value(), "ipv6", where + ".ipv6", "");
+        CheckAddress(path, where + ".ipv4", nic.ipv4, AF_INET);
+        CheckAddress(path, where + ".ipv6", nic.ipv6, AF_INET6);
         c.interfaces[it.key()] = nic;
       }
     }
@@ -185,8 +301,8 @@ HostConfig LoadHostConfigFile(const std::string& path) {
     CheckObject(path, d, "daemon", {"control", "tgtdControlPort"});
     c.daemonControl = GetString(path, d, "control", "daemon.control", "");
     if (d.contains("tgtdControlPort")) {
-      c.tgtdControlPort = static_cast<int>(GetInt(path, d["tgtdControlPort"],
-                                                  "daemon.tgtdControlPort"));
+      c.tgtdControlPort = static_cast<int>(
+          GetInt(path, d["tgtdControlPort"], "daemon.tgtdControlPort", 0, 65535));
     }
   }
   if (doc.contains("firewall")) {
@@ -222,7 +338,10 @@ void FinishHostConfig(HostConfig& c) {
     if (c.hostName.empty()) c.hostName = "localhost";
   }
   if (!c.hostUuid.empty()) return;
-  MakeDirs(c.stateDir, 0755);
+  // The state directory holds the settings (with the cluster's default CHAP secrets), the backup
+  // of kel.conf and the logs: the owner's alone when kel makes it. An existing directory keeps
+  // the mode its administrator chose.
+  MakeDirs(c.stateDir, 0700);
   std::string file = c.stateDir + "/host-uuid";
   std::ifstream in(file);
   std::string text;

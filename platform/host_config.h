@@ -32,6 +32,16 @@ struct HostConfig {
   std::string directoryBackend = "embedded";  // "embedded" or "etcd"
   std::vector<std::string> etcdEndpoints;
   std::string etcdPrefix;
+  // TLS towards https:// endpoints: the CA that signed etcd's certificate (empty: the system's),
+  // and this host's client certificate and key (both or neither).
+  struct Tls {
+    std::string caFile;
+    std::string certFile;
+    std::string keyFile;
+  } etcdTls;
+  // etcd user and password (read from the file named in the configuration); empty: none.
+  std::string etcdUser;
+  std::string etcdPassword;
   int leaseTtlSeconds = 10;
 
   // When set, exactly these interfaces exist (name -> addresses); otherwise the host's real ones.
@@ -58,6 +68,9 @@ HostConfig EmbeddedHostConfig();
 // refused with OrsaCtlException naming the key ("host configuration <file>: unknown key
 // 'directory.foo'"). Fills in the generated host UUID (kept in <stateDir>/host-uuid) and the name.
 HostConfig LoadHostConfigFile(const std::string& path);
+// The same for the text of such a file (`path` is only named in messages). Also refuses a key
+// given twice, numbers out of range and interface addresses that are not addresses.
+HostConfig ParseHostConfigText(const std::string& path, const std::string& text);
 
 // Resolves the precedence: `explicit_path` (from --config) if not empty, else $KEL_CONFIG, else
 // /etc/kel/host.json if it exists, else the embedded default.

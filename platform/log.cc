@@ -1,5 +1,6 @@
 #include "platform/log.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/time.h>
 #include <syslog.h>
@@ -72,7 +73,7 @@ bool MakeDirs(const std::string& path) {
   std::string cur;
   for (size_t i = 0; i <= path.size(); ++i) {
     if (i == path.size() || path[i] == '/') {
-      if (!cur.empty() && mkdir(cur.c_str(), 0755) != 0 && errno != EEXIST) return false;
+      if (!cur.empty() && mkdir(cur.c_str(), 0700) != 0 && errno != EEXIST) return false;
     }
     if (i < path.size()) cur.push_back(path[i]);
   }
@@ -101,6 +102,25 @@ void RemoveSink(Sink* sink) {
   gSinks.erase(std::remove(gSinks.begin(), gSinks.end(), sink), gSinks.end());
 }
 
+namespace {
+thread_local std::string tReasonMessage;
+thread_local std::string tReason;
+}  // namespace
+
+void NoteFailureReason(const char* tag, const std::string& message, const std::string& reason) {
+  Emit(Level::kError, Source::kService, std::string(tag) + ": " + reason);
+  tReasonMessage = message;
+  tReason = reason;
+}
+
+std::string FailureReasonFor(const std::string& message) {
+  std::string reason;
+  if (!tReason.empty() && tReasonMessage == message) reason = tReason;
+  tReason.clear();
+  tReasonMessage.clear();
+  return reason;
+}
+
 void Emit(Level level, Source source, std::string text) {
   Record record{level, source, std::move(text)};
   std::lock_guard<std::mutex> lock(gSinksMu);
@@ -112,7 +132,10 @@ bool InstallHostLog(const std::string& state_dir, bool mirror_stderr) {
   std::string dir = state_dir + "/log";
   FILE* file = nullptr;
   if (MakeDirs(dir)) {
-    file = fopen((dir + "/kel.log").c_str(), "ae");
+    // Owner-only, like everything under the state directory.
+    int fd = open((dir + "/kel.log").c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
+    file = fd >= 0 ? fdopen(fd, "a") : nullptr;
+    if (file == nullptr && fd >= 0) close(fd);
   }
   auto sink = std::make_unique<HostLogSink>(file, mirror_stderr);
   std::lock_guard<std::mutex> lock(gSinksMu);

@@ -81,6 +81,14 @@ class LogCapture : public Sink {
   std::vector<Record> records_;  // guarded by mu_
 };
 
+// Why an operation failed, when the message it throws is a fixed text that does not say it (a
+// lock "failed" because the file is missing). NoteFailureReason logs `reason` at error level
+// (service side, "<tag>: <reason>") and remembers it for this thread with the message it explains;
+// FailureReasonFor(message) gives it back once, when `message` is that message, so that kelctl can
+// print it above the message.
+void NoteFailureReason(const char* tag, const std::string& message, const std::string& reason);
+std::string FailureReasonFor(const std::string& message);
+
 }  // namespace log
 }  // namespace kel
 

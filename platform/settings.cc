@@ -65,7 +65,7 @@ void MakeDirs(const std::string& dir) {
   std::string cur;
   for (size_t i = 0; i <= dir.size(); ++i) {
     if (i == dir.size() || dir[i] == '/') {
-      if (!cur.empty() && mkdir(cur.c_str(), 0755) != 0 && errno != EEXIST) {
+      if (!cur.empty() && mkdir(cur.c_str(), 0700) != 0 && errno != EEXIST) {
         Fail("cannot create directory", cur, errno);
       }
     }
@@ -73,7 +73,9 @@ void MakeDirs(const std::string& dir) {
   }
 }
 
-Settings Parse(const std::string& path, const std::string& text) {
+}  // namespace
+
+Settings ParseSettingsText(const std::string& path, const std::string& text) {
   Settings s;
   try {
     json doc = json::parse(text);
@@ -89,6 +91,11 @@ Settings Parse(const std::string& path, const std::string& text) {
   }
   return s;
 }
+
+namespace {
+
+// The file holds two flags and the defaults: a megabyte is not a settings file.
+constexpr size_t kMaxSettingsBytes = 1024 * 1024;
 
 std::string Serialize(const Settings& s) {
   json doc = json::object();
@@ -117,10 +124,11 @@ Settings ReadFile(const std::string& path, FileKey* key) {
     if (n < 0 && errno == EINTR) continue;
     if (n < 0) Fail("cannot read", path, errno);
     if (n == 0) break;
+    if (text.size() + static_cast<size_t>(n) > kMaxSettingsBytes) Fail("too large:", path, EFBIG);
     text.append(buf, static_cast<size_t>(n));
   }
   *key = KeyOf(st);
-  return Parse(path, text);
+  return ParseSettingsText(path, text);
 }
 
 FileKey StatKey(const std::string& path) {

@@ -29,6 +29,10 @@ struct Settings {
   HostCtl::Orsa::IscsiTarget::DefaultInfo defaults;
 };
 
+// The settings in `text` (the contents of the file at `path`, named in messages). Throws
+// OrsaCtlException "settings store <path>: ..." when the text is not such a document.
+Settings ParseSettingsText(const std::string& path, const std::string& text);
+
 // <stateDir>/settings.json of the current host configuration.
 std::string SettingsPath();
 

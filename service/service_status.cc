@@ -1,6 +1,7 @@
 // Service state: enabling and disabling the service on this host, the entry check of every
 // configuration operation, restore after a restart, and the cluster defaults.
 #include <atomic>
+#include <memory>
 #include <boost/thread/lock_types.hpp>
 #include <boost/thread/thread.hpp>
 
@@ -156,11 +157,31 @@ void OrsaIscsiTargetImpl::UpdateDefaultConfig(const DefaultInfo& info) {
 }
 
 void OrsaIscsiTargetImpl::KelCheckConfigLodexEntry() {
-  if (ConfigCache::GetKelConfLodexEntryExists(true)) return;
   try {
     // Published while the file is held shared, so that no newer write can be overtaken.
-    ConfHandle handle(ConfHandle::kShared);
-    Util::DoActionForConfigChange(handle.GetCurrentGenerationNum());
+    std::unique_ptr<ConfHandle> handle;
+    if (!ConfigCache::GetKelConfLodexEntryExists(true)) {
+      handle = std::make_unique<ConfHandle>(ConfHandle::kShared);
+    } else {
+      // The entry exists, but a write whose publication failed (the directory was down) left it
+      // behind the file: the other hosts learn of that write only from a new publication.
+      uint64_t published = 0;
+      const NUK_ReturnStatus st = KeldGetConfigGenNumInLodex(&published);
+      if (st != NUK_OK && st != NUK_NOT_FOUND) return;
+      handle = std::make_unique<ConfHandle>(ConfHandle::kShared);
+      const uint64_t current = handle->GetCurrentGenerationNum();
+      if (st == NUK_OK && current == published) return;
+      if (st == NUK_OK && current < published) {
+        // Never published backwards: every host has applied the newer one already.
+        LogWarning("%s: kel.conf holds generation %llu, below the published %llu; not re-publishing\n",
+                   kTag, static_cast<unsigned long long>(current),
+                   static_cast<unsigned long long>(published));
+        return;
+      }
+      LogInfo("%s: Re-publishing kel.conf generation %llu over the published %llu\n", kTag,
+              static_cast<unsigned long long>(current), static_cast<unsigned long long>(published));
+    }
+    Util::DoActionForConfigChange(handle->GetCurrentGenerationNum());
     ConfigCache::SetKelConfLodexEntryExists(true, true);
   } catch (const OrsaCtlException& e) {
     LogWarning("%s: Failed to re-publish kel config lodex entry: %s\n", kTag,

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <boost/thread/lock_types.hpp>
 #include <cstdlib>
+#include <exception>
 #include <map>
 #include <set>
 
@@ -204,10 +205,23 @@ void OrsaIscsiTargetImpl::RemoveTarget(const std::string& alias) {
   // Offline first: the daemons stop serving the target before its storage goes away.
   TargetCreateParam offline = ServiceInternal::KeepParamsOf(target);
   offline.status = "offline";
-  Util::ChangeConfFile([&offline](ConfHandle& handle) {
-    Parser::UpdateTargetConf(offline, handle);
-    return true;
-  });
+  // A change that reached kel.conf is carried through, as AddTarget keeps a target whose reload
+  // failed: the failure of a step after a write (publication, reload) is reported at the end.
+  std::exception_ptr afterWrite;
+  bool written = false;
+  try {
+    Util::ChangeConfFile(
+        [&offline](ConfHandle& handle) {
+          Parser::UpdateTargetConf(offline, handle);
+          return true;
+        },
+        [&written](uint64_t) { written = true; });
+  } catch (const OrsaCtlException& e) {
+    if (!written) throw;
+    LogWarning("%s: Target %s is offline in kel.conf, but: %s; removing it all the same\n", kTag,
+               alias.c_str(), e.GetMessage().c_str());
+    afterWrite = std::current_exception();
+  }
 
   if (Util::PathExists(Util::GetTargetsDirPath() + "/" + target.uuid)) {
     Util::DeleteTargetNamespace(target.uuid);
@@ -216,13 +230,20 @@ void OrsaIscsiTargetImpl::RemoveTarget(const std::string& alias) {
     LogWarning("%s: Namespace %s of target %s is already gone\n", kTag, target.uuid.c_str(),
                alias.c_str());
   }
-  Parser::RemoveTargetFromConfFile(alias);
+  written = false;
+  try {
+    Parser::RemoveTargetFromConfFile(alias, [&written](uint64_t) { written = true; });
+  } catch (const OrsaCtlException&) {
+    if (!written) throw;
+    afterWrite = std::current_exception();
+  }
   try {
     Util::ReleaseObjectOwnership(target.ownerId.empty() ? target.uuid : target.ownerId);
   } catch (const OrsaCtlException& e) {
     LogWarning("%s: Failed to release the owner record of target %s: %s\n", kTag, alias.c_str(),
                e.GetMessage().c_str());
   }
+  if (afterWrite) std::rethrow_exception(afterWrite);
 }
 
 std::vector<TargetInfo> OrsaIscsiTargetImpl::GetTargetsInternal() { return Parser::GetTargets(); }

@@ -1,8 +1,7 @@
 // Fuzz target of the kel.conf grammar: any input must load or be refused without a crash, a leak
 // or a sanitizer report; what loads must also survive the writer and a second load.
 //
-// Built with libFuzzer when the compiler is clang; otherwise KEL_FUZZ_REPLAY_MAIN adds a main that
-// replays the files (or directories of files) given on the command line.
+// Built with libFuzzer when the compiler is clang; otherwise it only replays files (fuzz_main.h).
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -15,6 +14,7 @@
 #include "conf/writer.h"
 #include "platform/clog.h"
 #include "platform/exception.h"
+#include "tests/fuzz/fuzz_main.h"
 
 namespace {
 
@@ -73,38 +73,3 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   conf_delete(conf);
   return 0;
 }
-
-#ifdef KEL_FUZZ_REPLAY_MAIN
-#include <filesystem>
-#include <fstream>
-#include <iostream>
-#include <iterator>
-#include <vector>
-
-// Replays every file named on the command line or found in a directory named there.
-int main(int argc, char** argv) {
-  namespace fs = std::filesystem;
-  size_t runs = 0;
-  for (int i = 1; i < argc; i++) {
-    if (argv[i][0] == '-') continue;  // libFuzzer flags mean nothing here
-    std::vector<fs::path> files;
-    if (fs::is_directory(argv[i])) {
-      for (const auto& entry : fs::directory_iterator(argv[i])) files.push_back(entry.path());
-    } else {
-      files.push_back(argv[i]);
-    }
-    for (const fs::path& file : files) {
-      std::ifstream in(file, std::ios::binary);
-      if (!in) {
-        std::cerr << "cannot read " << file << "\n";
-        return 1;
-      }
-      std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-      LLVMFuzzerTestOneInput(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size());
-      runs++;
-    }
-  }
-  std::cout << "replayed " << runs << " inputs\n";
-  return 0;
-}
-#endif
