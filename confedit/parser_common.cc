@@ -17,7 +17,12 @@
 #include "host/daemon_control.h"
 #include "host/service_state.h"
 #include "host/validation.h"
+#include "storage/namespace.h"
+#include "conf/paths.h"
 #include "platform/clog.h"
+#include "platform/creation_journal.h"
+#include "platform/datastore.h"
+#include "platform/disk_lun_api.h"
 #include "platform/exception.h"
 #include "platform/fs.h"
 #include "platform/log.h"
@@ -406,6 +411,59 @@ void DropCachedConfig() {
 
 }  // namespace
 
+void SweepAbandonedObjects(const struct conf* c) {
+  const std::string datastore = kel::platform::DatastorePath();
+  std::set<std::string> named;
+  bool namedKnown = false;
+  kel::platform::JournalSweep([&](const std::string& path) {
+    if (!namedKnown) {
+      namedKnown = true;
+      const struct target* t;
+      TAILQ_FOREACH(t, &c->conf_targets, t_next) {
+        const std::string uuid = Parser::internal::TargetOptionValue(t, "uuid");
+        if (!uuid.empty()) {
+          named.insert(datastore + "/" + uuid);
+          named.insert(GetTargetsDirPath() + "/" + uuid);
+        }
+        for (const struct lun* l : t->t_luns) {
+          if (l == nullptr || l->l_path == nullptr) continue;
+          try {
+            named.insert(l->l_path[0] == '/' ? l->l_path : Parser::internal::LunAbsPath(l));
+          } catch (const OrsaCtlException&) {
+          }
+        }
+      }
+    }
+    if (named.count(path) != 0) return;
+    // Only ever what lies in the datastore, whatever a journal says.
+    if (path.compare(0, datastore.size() + 1, datastore + "/") != 0 ||
+        path.find("/../") != std::string::npos) {
+      LogWarning("%s: Journal names %s outside the datastore; left alone", Parser::internal::kTag,
+                 path.c_str());
+      return;
+    }
+    kel::platform::Fs& fs = kel::platform::GetFs();
+    kel::platform::FileInfo info;
+    if (fs.Lstat(path, &info) != 0) return;  // never made, or already gone
+    const size_t slash = path.find_last_of('/');
+    const std::string name = path.substr(slash + 1);
+    try {
+      if (info.isDir && path.substr(0, slash) == datastore && name.find('.') == std::string::npos) {
+        NukCtl::Storage::DiskLunApi::DeleteNamespace(datastore, name, NewOperationId());
+      } else if (info.isDir) {
+        fs.RemoveTree(path);
+      } else if (info.isRegular) {
+        NukCtl::Storage::DiskLunApi::RemoveVirtualDisk(path, NewOperationId());
+      } else {
+        fs.Unlink(path);
+      }
+    } catch (const OrsaCtlException& e) {
+      LogWarning("%s: Cannot remove abandoned %s: %s", Parser::internal::kTag, path.c_str(),
+                 e.GetMessage().c_str());
+    }
+  });
+}
+
 void CheckGenerationAheadOfDirectory(const ConfHandle& handle) {
   uint64_t published = 0;
   // Nothing published yet, or a directory that cannot answer: the publication after the write
@@ -428,6 +486,7 @@ uint64_t ChangeConfFile(const std::function<bool(ConfHandle&)>& edit,
   std::string path;
   {
     ConfHandle handle(ConfHandle::kExclusive);
+    SweepAbandonedObjects(handle.GetConf());
     if (!edit(handle)) return generation;
     CheckGenerationAheadOfDirectory(handle);
     path = handle.GetPath();

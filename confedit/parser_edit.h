@@ -228,6 +228,12 @@ namespace Util {
 // failure comes after the write, the log (and kelctl, above the message) says so and names the
 // generation the file now holds. Other hosts converge on a write whose publication failed through
 // the control thread's re-publication (OrsaIscsiTargetImpl::KelCheckConfigLodexEntry).
+// Removes what processes of this host that were killed in the middle of an operation left on the
+// datastore and the model `c` (kel.conf as read under the exclusive lock) does not name: target
+// namespaces and links, LUN disks, namespaces half deleted (platform/creation_journal.h). Never
+// touches anything outside the datastore. ChangeConfFile runs it first.
+void SweepAbandonedObjects(const struct conf* c);
+
 // Refuses (nothing changed) when the file's generation + 1 would not be above the generation
 // published in the directory: kel.conf was replaced, emptied or rolled back outside kel, and a
 // write would hand out a generation that every host has already applied (so none would reload)

@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <vector>
 
+#include "platform/creation_journal.h"
 #include "platform/datastore.h"
 #include "platform/exception.h"
 #include "platform/fs.h"
@@ -55,7 +56,7 @@ void RemoveSidecars(Fs& fs, const std::string& dir, const std::string& name) {
 
 std::string DiskLunApi::CreateNamespace(const std::string& datastorePath, const std::string& name,
                                         const std::string& policy, uint64_t size,
-                                        const std::string& opId) {
+                                        const std::string& opId, const std::string& wantedUuid) {
   LogInfo("%s: [%s] Creating namespace '%s' in %s with policy '%s'\n", kTag, opId.c_str(),
           name.c_str(), datastorePath.c_str(), policy.c_str());
   const std::string what = name.empty() ? std::string("namespace") : "namespace " + name;
@@ -71,7 +72,10 @@ std::string DiskLunApi::CreateNamespace(const std::string& datastorePath, const 
     throw OrsaCtlException("Failed to create " + what + ": the name already exists in " +
                            datastorePath);
   }
-  const std::string uuid = NewUuidText();
+  if (!wantedUuid.empty() && !IsUuidText(wantedUuid)) {
+    throw OrsaCtlException("Failed to create " + what + ": '" + wantedUuid + "' is not a UUID");
+  }
+  const std::string uuid = wantedUuid.empty() ? NewUuidText() : wantedUuid;
   const std::string dir = datastorePath + "/" + uuid;
   if (int err = fs.MakeDir(dir, 0700)) {
     throw OrsaCtlException("Failed to create " + what + " in " + datastorePath + ": " +
@@ -117,7 +121,9 @@ void DiskLunApi::DeleteNamespace(const std::string& datastorePath, const std::st
     throw OrsaCtlException("Failed to delete namespace " + uuid + ": " + ErrnoText(err));
   }
   const std::string tombstone = datastorePath + "/.deleting-" + uuid;
+  kel::platform::JournalRecord(tombstone);
   if (int rerr = fs.Rename(dir, tombstone)) {
+    kel::platform::JournalForget(tombstone);
     throw OrsaCtlException("Failed to delete namespace " + uuid + ": " + ErrnoText(rerr));
   }
   std::vector<std::string> names;
@@ -133,6 +139,7 @@ void DiskLunApi::DeleteNamespace(const std::string& datastorePath, const std::st
   }
   err = fs.RemoveTree(tombstone);
   RemoveSidecars(fs, datastorePath, uuid);
+  if (err == 0 || err == ENOENT) kel::platform::JournalForget(tombstone);
   if (err != 0) {
     // The namespace is already out of sight; what is left is garbage under a hidden name.
     LogWarning("%s: [%s] Namespace %s deleted, but removing %s failed: %s\n", kTag, opId.c_str(),

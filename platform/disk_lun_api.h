@@ -24,12 +24,14 @@ class DiskLunApi {
   // Creates a namespace object in `datastorePath` and returns its UUID (8-4-4-4-12 text). A
   // non-empty `name` also creates the friendly-name link; an existing name is refused. An empty
   // `policy` gives the object the datastore's default policy. `size` is a quota request; this
-  // build has no quotas, so only 0 is accepted.
+  // build has no quotas, so only 0 is accepted. `uuid`, when given, is the UUID the object gets (so that the caller can
+  // journal it before it exists).
   static std::string CreateNamespace(const std::string& datastorePath, const std::string& name,
                                      const std::string& policy, uint64_t size,
-                                     const std::string& opId);
+                                     const std::string& opId, const std::string& uuid = "");
   // Deletes the namespace object with everything in it and every friendly name that points to it.
-  // The directory is first renamed out of sight, so other hosts see it either whole or gone.
+  // The directory is first renamed out of sight, so other hosts see it either whole or gone; the
+  // name it is removed under is journalled (platform/creation_journal.h) until it is gone.
   static void DeleteNamespace(const std::string& datastorePath, const std::string& uuid,
                               const std::string& opId);
   // Stores a new policy with the namespace object.

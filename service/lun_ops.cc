@@ -7,6 +7,7 @@
 #include "directory/config_cache.h"
 #include "host/validation.h"
 #include "platform/clock.h"
+#include "platform/creation_journal.h"
 #include "platform/datastore.h"
 #include "platform/disk_lun_api.h"
 #include "platform/exception.h"
@@ -72,6 +73,7 @@ void RollbackNewLunDisk(const std::string& path) {
   const std::string absolute = kel::platform::DatastorePath() + "/" + path;
   try {
     NukCtl::Storage::DiskLunApi::RemoveVirtualDisk(absolute, Util::NewOperationId());
+    kel::platform::JournalForget(absolute);
     Util::RemovePRFile("", absolute);
   } catch (const OrsaCtlException& e) {
     LogError("%s: Failed to remove the disk %s of a LUN that was not added: %s\n", kTag,
@@ -101,8 +103,10 @@ void OrsaIscsiTargetImpl::AddLun(LunInfo& lun) {
   lun.path = path;
   lun.uuid = uuid;
   bool changed = false;
+  const std::string absolute = kel::platform::DatastorePath() + "/" + path;
   try {
     Parser::AddNewLunToConfFile(lun, changed);
+    kel::platform::JournalForget(absolute);
   } catch (const OrsaCtlException& e) {
     bool inFile = false;
     try {
@@ -117,6 +121,8 @@ void OrsaIscsiTargetImpl::AddLun(LunInfo& lun) {
       LogWarning("%s: Add LUN %d to target %s failed: %s rollback by removing its disk\n", kTag,
                  lun.id, lun.targetAlias.c_str(), e.GetMessage().c_str());
       RollbackNewLunDisk(path);
+    } else {
+      kel::platform::JournalForget(absolute);
     }
     throw;
   }

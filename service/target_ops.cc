@@ -67,6 +67,7 @@ void RollbackNewTarget(const std::string& uuid) {
   }
   try {
     Util::DeleteTargetNamespace(uuid);
+    Util::ForgetTargetNamespaceCreation(uuid);
   } catch (const OrsaCtlException& e) {
     LogError("%s: Failed to delete target namespace %s: %s\n", kTag, uuid.c_str(),
              e.GetMessage().c_str());
@@ -107,8 +108,10 @@ void OrsaIscsiTargetImpl::AddTarget(TargetCreateParam& param) {
     // owner-id object.
     Util::ClaimObjectOwnership(param.uuid);
     Parser::AddNewTargetToConfFile(param, written);
+    Util::ForgetTargetNamespaceCreation(param.uuid);
   } catch (const OrsaCtlException& e) {
     if (written) {
+      Util::ForgetTargetNamespaceCreation(param.uuid);
       // kel.conf names the target already (only the change action after the write failed), so
       // its namespace must stay; the error still reaches the caller.
       LogWarning("%s: Add target %s written but its change action failed: %s\n", kTag,

@@ -13,6 +13,7 @@
 #include "conf/conf_handle.h"
 #include "conf/paths.h"
 #include "platform/clock.h"
+#include "platform/creation_journal.h"
 #include "platform/datastore.h"
 #include "platform/disk_lun_api.h"
 #include "platform/exception.h"
@@ -81,12 +82,22 @@ void CreateLun(const std::string& lunIdText, const std::string& targetName,
   LogInfo("%s: Creating LUN %s of target %s at %s\n", kTag, lunIdText.c_str(), targetName.c_str(),
           tempPath.c_str());
 
-  DiskLunApi::CreateVirtualDisk(tempPath, sectors, policy, NewOperationId());
+  // Journalled before it exists: a process killed before kel.conf names the LUN leaves the disk to
+  // the next writer of kel.conf on this host to remove.
+  kel::platform::JournalRecord(tempPath);
+  try {
+    DiskLunApi::CreateVirtualDisk(tempPath, sectors, policy, NewOperationId());
+  } catch (const OrsaCtlException&) {
+    kel::platform::JournalForget(tempPath);
+    throw;
+  }
+  std::string finalPath;
   try {
     std::string objectUuid = GetObjectUuidForLun(tempPath);
     LogInfo("%s: Retrieved Orsa object UUID %s for LUN id %s.\n", kTag, objectUuid.c_str(),
             lunIdText.c_str());
-    const std::string finalPath = dir + "/" + objectUuid + ".pemo";
+    finalPath = dir + "/" + objectUuid + ".pemo";
+    kel::platform::JournalRecord(finalPath);
     VirtDiskError err = VirtDisk_Rename(tempPath.c_str(), finalPath.c_str());
     // Kept as is: each retry logs and sleeps before its result is looked at.
     for (int attempt = 1; err != VIRTDISK_OK && attempt <= kRenameRetries; ++attempt) {
@@ -101,11 +112,14 @@ void CreateLun(const std::string& lunIdText, const std::string& targetName,
     }
     path = relativeDir + "/" + objectUuid + ".pemo";
     uuid = objectUuid;
+    kel::platform::JournalForget(tempPath);
   } catch (const OrsaCtlException& e) {
     LogError("%s: Failed to create LUN %s with exception %s\n", kTag, lunIdText.c_str(),
              e.GetMessage().c_str());
     try {
       DiskLunApi::RemoveVirtualDisk(tempPath, NewOperationId());
+      kel::platform::JournalForget(tempPath);
+      if (!finalPath.empty()) kel::platform::JournalForget(finalPath);
     } catch (const OrsaCtlException& cleanup) {
       LogError("%s: %s\n", kTag, cleanup.GetMessage().c_str());
     }

@@ -30,6 +30,9 @@ namespace Util {
 // under a temporary name, then renamed after its object UUID (12 attempts, 1 s apart). Returns the
 // path relative to the datastore ("<target-uuid>/<object-uuid>.pemo") and the object UUID. A
 // failure after the disk exists removes it again.
+// The new disk stays journalled (platform/creation_journal.h) under its absolute path until the
+// caller calls kel::platform::JournalForget with it: once kel.conf names the LUN, or the disk was
+// removed again.
 void CreateLun(const std::string& lunIdText, const std::string& targetName,
                const std::string& targetDir, uint64_t sectors, const std::string& policy,
                std::string& path, std::string& uuid);

@@ -9,6 +9,7 @@
 #include "conf/paths.h"
 #include "platform/clock.h"
 #include "platform/clog.h"
+#include "platform/creation_journal.h"
 #include "platform/disk_lun_api.h"
 #include "platform/exception.h"
 #include "platform/fio.h"
@@ -106,13 +107,29 @@ void UpdateTargetNamespacePolicy(const std::string& uuid, const std::string& pol
   }
 }
 
+void ForgetTargetNamespaceCreation(const std::string& uuid) {
+  kel::platform::JournalForget(kel::platform::DatastorePath() + "/" + uuid);
+  kel::platform::JournalForget(GetTargetsDirPath() + "/" + uuid);
+}
+
 void CreateTargetNamespace(const std::string& policy, std::string& uuidOut) {
   const std::string datastore = kel::platform::DatastorePath();
-  uuidOut = DiskLunApi::CreateNamespace(datastore, "", policy, 0, NewOperationId());
+  // Journalled before they exist: a process killed before kel.conf names the target leaves them
+  // to the next writer of kel.conf on this host to remove.
+  const std::string uuid = GenerateRandomUuid();
+  const std::string target = "../../" + uuid;
+  const std::string link = GetTargetsDirPath() + "/" + uuid;
+  kel::platform::JournalRecord(datastore + "/" + uuid);
+  kel::platform::JournalRecord(link);
+  try {
+    uuidOut = DiskLunApi::CreateNamespace(datastore, "", policy, 0, NewOperationId(), uuid);
+  } catch (const OrsaCtlException&) {
+    uuidOut = uuid;
+    ForgetTargetNamespaceCreation(uuid);
+    throw;
+  }
 
   kel::platform::Fs& fs = kel::platform::GetFs();
-  const std::string target = "../../" + uuidOut;
-  const std::string link = GetTargetsDirPath() + "/" + uuidOut;
   int err = fs.Symlink(target, link);
   int lastErr = err;
   // Kept as is: each retry logs and sleeps before its result is looked at, so a retry that
@@ -130,6 +147,7 @@ void CreateTargetNamespace(const std::string& policy, std::string& uuidOut) {
            target.c_str(), ErrnoText(err).c_str(), err);
   try {
     DiskLunApi::DeleteNamespace(datastore, uuidOut, NewOperationId());
+    ForgetTargetNamespaceCreation(uuidOut);
   } catch (const OrsaCtlException& e) {
     LogError("%s: Failed to delete target namespace %s after failing to link it: %s\n", kTag,
              uuidOut.c_str(), e.GetMessage().c_str());

@@ -45,6 +45,9 @@ void UpdateTargetNamespacePolicy(const std::string& uuid, const std::string& pol
 void CreateTargetNamespace(const std::string& policy, std::string& uuidOut);
 // Unlinks and deletes a target namespace with everything in it.
 void DeleteTargetNamespace(const std::string& uuid);
+// CreateTargetNamespace journals the namespace and its link (platform/creation_journal.h) until
+// the caller calls this: once kel.conf names the target, or the namespace was deleted again.
+void ForgetTargetNamespaceCreation(const std::string& uuid);
 
 // One directory inside the configuration namespace, mode 0700. An existing directory is logged
 // and accepted; so is removing a missing one.
