@@ -62,10 +62,29 @@ std::string FullHelp(const CLI::App& app) {
   return text;
 }
 
+// The message is the last line of stderr: caller text inside it (a size given with its newline)
+// must not break it into several lines.
+std::string OneLine(const std::string& message) {
+  std::string out;
+  for (char c : message) {
+    const unsigned char u = static_cast<unsigned char>(c);
+    if (u >= 0x20 && u != 0x7f) {
+      out += c;
+    } else if (c == '\n') {
+      out += "\\n";
+    } else {
+      char esc[8];
+      snprintf(esc, sizeof(esc), "\\x%02x", u);
+      out += esc;
+    }
+  }
+  return out;
+}
+
 void PrintFailure(const std::string& message) {
   std::cout.flush();
   fflush(stdout);
-  fprintf(stderr, "%s\n", message.c_str());
+  fprintf(stderr, "%s\n", OneLine(message).c_str());
 }
 
 }  // namespace
@@ -164,7 +183,7 @@ int Main(CLI::App& app, CliContext& ctx, int argc, char** argv) {
   if (status != 0) {
     // A fixed message that hides its reason ("lock failed") gets the reason on the line above.
     const std::string reason = kel::log::FailureReasonFor(failure);
-    if (!reason.empty() && !ctx.verbose) fprintf(stderr, "%s\n", reason.c_str());
+    if (!reason.empty() && !ctx.verbose) fprintf(stderr, "%s\n", OneLine(reason).c_str());
     PrintFailure(failure);
     return status;
   }

@@ -1,6 +1,7 @@
 // kelctl conf check|format: parse a kel.conf file offline, without the cluster lock, exactly as
 // the service would, and report or print it the way the writer writes it.
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -12,6 +13,7 @@
 #include "conf/conf.h"
 #include "conf/conf_handle.h"
 #include "conf/writer.h"
+#include "platform/clog.h"
 #include "platform/log.h"
 #include "platform/unique_fd.h"
 
@@ -64,6 +66,12 @@ size_t CountInitiatorGroups(const struct conf* conf) {
 void Check(CliContext& ctx, const std::string& path) {
   ctx.MirrorLogsToStderr(4);
   ConfPtr conf = LoadConfFile(path);
+  struct stat st;
+  if (stat(path.c_str(), &st) == 0 && st.st_size == 0) {
+    // Valid, but an emptied kel.conf loses every target: worth a word.
+    log_warnx("%s is empty: it reads as a configuration without targets at generation %llu",
+              path.c_str(), static_cast<unsigned long long>(conf->conf_generation));
+  }
   if (ctx.json) {
     PrintJson(std::cout, {{"path", path},
                           {"valid", true},

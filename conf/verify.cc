@@ -117,6 +117,19 @@ int conf_verify(struct conf* conf) {
     }
   }
 
+  // The grammar allows it, but every command that names a target by its alias then acts on
+  // whichever comes first.
+  std::unordered_map<std::string_view, const struct target*> by_alias;
+  TAILQ_FOREACH(target, &conf->conf_targets, t_next) {
+    if (target->t_alias == nullptr) continue;
+    auto [it, fresh] = by_alias.emplace(target->t_alias, target);
+    if (!fresh) {
+      log_warnx("targets \"%s\" and \"%s\" have the same alias \"%s\"; commands that name the "
+                "alias act on the first one only",
+                it->second->t_name, target->t_name, target->t_alias);
+    }
+  }
+
   std::unordered_set<const struct auth_group*> used;
   TAILQ_FOREACH(target, &conf->conf_targets, t_next) used.insert(target->t_auth_group);
   struct port* port;

@@ -17,6 +17,7 @@
 #include "host/daemon_control.h"
 #include "host/service_state.h"
 #include "host/validation.h"
+#include "storage/lun_disk.h"
 #include "storage/namespace.h"
 #include "conf/paths.h"
 #include "platform/clog.h"
@@ -345,6 +346,7 @@ std::string LunAbsPath(const struct lun* l) {
     throw OrsaCtlException(std::string("Failed to get lun absolute path: ") +
                            NUK_ReturnStatusToString(status));
   }
+  Util::RequirePathInDatastore(path);
   return path;
 }
 

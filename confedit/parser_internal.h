@@ -90,7 +90,8 @@ void ApplyTargetInitiators(struct conf* c, struct target* t, const std::string& 
 
 // Sectors asked for by a LUN record: sizeSectors, else sizeText converted, else 0 (no change).
 uint64_t RequestedSectors(const HostCtl::Orsa::IscsiTarget::LunInfo& info);
-// Absolute path of the LUN's backing file; throws "Failed to get lun absolute path: <status>".
+// Absolute path of the LUN's backing file; throws "Failed to get lun absolute path: <status>", or
+// Util::RequirePathInDatastore's refusal when the path leads outside the datastore.
 std::string LunAbsPath(const struct lun* l);
 // Removes the persistent-reservation and lock files of the disk at `diskPath` when they exist.
 // Only logs when one cannot be removed: they are leftovers, the disk itself is what matters.

@@ -134,8 +134,14 @@ void RemoveLunFromConfFile(int lunId, const std::string& targetAlias) {
           struct conf* c = handle.GetConf();
           struct target* t = RequireTargetByAlias(c, targetAlias);
           struct lun* l = RequireLun(t, lunId, targetAlias);
-          // An entry without a path (not one of ours) has no files to clean up, but still goes.
-          path = l->l_path != nullptr ? LunAbsPath(l) : std::string();
+          // An entry without a path (not one of ours), or with one leading out of the datastore,
+          // has no files to clean up, but still goes.
+          try {
+            path = l->l_path != nullptr ? LunAbsPath(l) : std::string();
+          } catch (const OrsaCtlException& e) {
+            LogWarning("%s: %s", kTag, e.GetMessage().c_str());
+            path.clear();
+          }
           lun_delete(l);
           return true;
         },

@@ -99,7 +99,7 @@ worker() {
 killer() {
   local kills=0
   while [ ! -f "$root/w1.done" ] || [ ! -f "$root/w2.done" ] || [ ! -f "$root/w3.done" ]; do
-    local tenths=$((RANDOM % 20 + 2))
+    local tenths=$((RANDOM % 25 + 5))
     sleep "$((tenths / 10)).$((tenths % 10))"
     local w=$((RANDOM % 3 + 1)) pid
     pid=$(cat "$root/w$w.pid" 2>/dev/null)
@@ -177,6 +177,7 @@ done
 tombstones=$(find "$ds" -maxdepth 1 -name '.deleting-*' | wc -l)
 orphans=$((orphans + tombstones))
 
-echo "iterations=$iterations seconds=$took kills=$(cat "$root/kills") acknowledged=$acked lost=$lost doubled=$doubled conf_check=$checked temp_files=$leftovers orphans=$orphans generation=$(head -1 "$conf" | awk '{print $2}')"
+swept=$(grep -c "half made or unmade" "$root/state/log/kel.log" 2>/dev/null)
+echo "iterations=$iterations seconds=$took kills=$(cat "$root/kills") swept=${swept:-0} acknowledged=$acked lost=$lost doubled=$doubled conf_check=$checked temp_files=$leftovers orphans=$orphans generation=$(head -1 "$conf" | awk '{print $2}')"
 [ "$keep" = 1 ] && echo "kept in $root"
 [ "$lost" = 0 ] && [ "$doubled" = 0 ] && [ "$checked" = ok ] && [ "$leftovers" = 0 ] && [ "$orphans" = 0 ]

@@ -62,6 +62,23 @@ bool ReadDiskFormat(const std::string& path, unsigned* major, unsigned* minor) {
 
 }  // namespace
 
+void RequirePathInDatastore(const std::string& path) {
+  kel::platform::Fs& fs = kel::platform::GetFs();
+  const std::string name = BaseName(path);
+  std::string datastore, parent;
+  kel::platform::FileInfo info;
+  bool inside = name != "." && name != ".." && !name.empty() &&
+                fs.RealPath(kel::platform::DatastorePath(), &datastore) == 0 &&
+                fs.RealPath(DirName(path), &parent) == 0 &&
+                parent.compare(0, datastore.size() + 1, datastore + "/") == 0;
+  // A link in the last place could still point anywhere.
+  if (inside && fs.Lstat(path, &info) == 0 && info.isLink) inside = false;
+  if (!inside) {
+    throw OrsaCtlException("LUN path " + path +
+                           " does not lie inside the datastore; refusing to touch it");
+  }
+}
+
 std::string GetObjectUuidForLun(const std::string& path) {
   char uuid[37];
   ObjStoreError err = ObjStore_GetUniqueID(path.c_str(), uuid);
@@ -129,6 +146,7 @@ void CreateLun(const std::string& lunIdText, const std::string& targetName,
 
 void RemoveLun(int id, const std::string& relativePath, const std::string& targetName) {
   const std::string path = GetTargetsDirPath() + "/" + relativePath;
+  RequirePathInDatastore(path);
   LogInfo("%s: Removing disk %s of LUN %d of target %s\n", kTag, path.c_str(), id,
           targetName.c_str());
   const int64_t exclSession = kel::platform::HostOption("ORSA-iSCSI", "kelUseDomExclSession");
@@ -288,6 +306,12 @@ void GetLunPathById(const std::string& targetName, int id, std::string& path) {
 }
 
 void GrowLunDisk(const std::string& path, uint64_t newSectors) {
+  RequirePathInDatastore(path);
+  kel::platform::FileInfo before;
+  if (int err = kel::platform::GetFs().Stat(path, &before)) {
+    throw OrsaCtlException("Failed to grow LUN disk " + path + " to " + std::to_string(newSectors) +
+                           " sectors with error: " + kel::platform::ErrnoText(err));
+  }
   VirtDiskError err = VirtDisk_Grow(path.c_str(), newSectors);
   if (err != VIRTDISK_OK) {
     throw OrsaCtlException("Failed to grow LUN disk " + path + " to " + std::to_string(newSectors) +
@@ -295,8 +319,19 @@ void GrowLunDisk(const std::string& path, uint64_t newSectors) {
   }
   // The reservation is a share of the capacity, so a larger disk needs more of it.
   std::string policyText;
-  if (kel::platform::ReadObjectPolicy(path, &policyText) && !policyText.empty()) {
-    kel::platform::ApplyPolicyToObject(path, kel::platform::ParsePolicy(policyText));
+  try {
+    if (kel::platform::ReadObjectPolicy(path, &policyText) && !policyText.empty()) {
+      kel::platform::ApplyPolicyToObject(path, kel::platform::ParsePolicy(policyText));
+    }
+  } catch (const OrsaCtlException&) {
+    // A datastore that cannot hold the reservation: the disk keeps the size kel.conf still has.
+    // Nobody has seen the new sectors yet, so cutting them off again loses nothing.
+    int terr = kel::platform::GetFs().Truncate(path, before.size);
+    if (terr != 0) {
+      LogError("%s: Cannot restore the size of %s after a failed growth: %s\n", kTag,
+               path.c_str(), kel::platform::ErrnoText(terr).c_str());
+    }
+    throw;
   }
   LogInfo("%s: Grew LUN disk %s to %llu sectors\n", kTag, path.c_str(),
           static_cast<unsigned long long>(newSectors));

@@ -30,6 +30,12 @@ namespace Util {
 // under a temporary name, then renamed after its object UUID (12 attempts, 1 s apart). Returns the
 // path relative to the datastore ("<target-uuid>/<object-uuid>.pemo") and the object UUID. A
 // failure after the disk exists removes it again.
+// Throws "LUN path <path> does not lie inside the datastore; refusing to touch it" unless the
+// directory of `path` resolves to one inside the datastore and `path` itself is not a link: a
+// hand-edited kel.conf (a path with "..") or a link replaced on the datastore must never make kel
+// grow, move or remove a file elsewhere.
+void RequirePathInDatastore(const std::string& path);
+
 // The new disk stays journalled (platform/creation_journal.h) under its absolute path until the
 // caller calls kel::platform::JournalForget with it: once kel.conf names the LUN, or the disk was
 // removed again.
