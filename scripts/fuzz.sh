@@ -46,7 +46,7 @@ for t in $targets; do
   log="$build/fuzz-work/$t.log"
   start=$(date +%s)
   # shellcheck disable=SC2086
-  if "$build/${t}_fuzz" -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 -print_final_stats=1 $dict \
+  if "$build/tests/${t}_fuzz" -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 -print_final_stats=1 $dict \
       -artifact_prefix="$artifacts/" "$work" "tests/fuzz/corpus/$t" >"$log" 2>&1; then
     crashes=0
   else
