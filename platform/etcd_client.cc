@@ -238,6 +238,19 @@ NUK_ReturnStatus EtcdClient::CallOnce(const std::string& path, const std::string
         status = NUK_NO_PERMISSION;
         break;
       }
+      // etcd drops a TLS connection whose client certificate it does not accept (or that has
+      // none), often before the alert that would say so reaches us.
+      if (url.rfind("https://", 0) == 0 &&
+          (strstr(detail, "getpeername") != nullptr || rc == CURLE_RECV_ERROR ||
+           rc == CURLE_SEND_ERROR || rc == CURLE_GOT_NOTHING)) {
+        tLastError += security_.certFile.empty()
+                          ? "; etcd ended the TLS connection: it may require a client "
+                            "certificate, and this host has none (directory.tls.certFile)"
+                          : "; etcd ended the TLS connection: it may not trust this host's client "
+                            "certificate " + security_.certFile;
+        status = NUK_NO_PERMISSION;
+        break;
+      }
       status = NUK_DIRECTORY_NOT_RUNNING;
       if (ConnectionFailure(rc)) continue;
       break;

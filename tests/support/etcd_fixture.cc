@@ -21,9 +21,14 @@ size_t Collect(char* ptr, size_t size, size_t nmemb, void* userdata) {
   return size * nmemb;
 }
 
-bool HealthTrue(const std::string& url) {
+bool HealthTrue(const std::string& url, const platform::EtcdSecurity& tls) {
   CURL* curl = curl_easy_init();
   if (curl == nullptr) return false;
+  if (!tls.caFile.empty()) curl_easy_setopt(curl, CURLOPT_CAINFO, tls.caFile.c_str());
+  if (!tls.certFile.empty()) {
+    curl_easy_setopt(curl, CURLOPT_SSLCERT, tls.certFile.c_str());
+    curl_easy_setopt(curl, CURLOPT_SSLKEY, tls.keyFile.c_str());
+  }
   std::string body;
   curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
   curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, Collect);
@@ -53,7 +58,15 @@ EtcdServer::~EtcdServer() { Stop(); }
 bool EtcdServer::Available() { return access("/usr/bin/etcd", X_OK) == 0; }
 
 std::string EtcdServer::Endpoint() const {
-  return "http://127.0.0.1:" + std::to_string(clientPort_);
+  return (tlsFlags_.empty() ? "http://127.0.0.1:" : "https://127.0.0.1:") +
+         std::to_string(clientPort_);
+}
+
+void EtcdServer::UseTls(const std::string& certFile, const std::string& keyFile,
+                        const std::string& caFile, const platform::EtcdSecurity& client) {
+  tlsFlags_ = {"--cert-file", certFile, "--key-file", keyFile, "--client-cert-auth",
+               "--trusted-ca-file", caFile};
+  client_ = client;
 }
 
 bool EtcdServer::Start(std::string* error) {
@@ -76,6 +89,7 @@ bool EtcdServer::Start(std::string* error) {
                                                         {"--log-level", "warn"}}) {
     argv.insert(argv.end(), {flag, value});
   }
+  argv.insert(argv.end(), tlsFlags_.begin(), tlsFlags_.end());
   proc_ = std::make_unique<ChildProcess>();
   if (!proc_->Start(argv, dir_.Join("etcd.log"))) {
     if (error != nullptr) *error = "cannot start etcd";
@@ -95,7 +109,7 @@ bool EtcdServer::WaitHealthy(std::string* error) {
       }
       return false;
     }
-    if (HealthTrue(Endpoint() + "/health")) return true;
+    if (HealthTrue(Endpoint() + "/health", client_)) return true;
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
   }
   if (error != nullptr) *error = "etcd did not become healthy";

@@ -7,7 +7,9 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
 
+#include "platform/etcd_client.h"
 #include "tests/support/test_host.h"
 #include "tests/support/test_support.h"
 
@@ -24,6 +26,11 @@ class EtcdServer {
   // True when an etcd binary is installed.
   static bool Available();
 
+  // Before Start(): serve https with `certFile`/`keyFile` and admit only clients whose certificate
+  // `caFile` signed; the fixture's own checks present `client` (CA, certificate, key).
+  void UseTls(const std::string& certFile, const std::string& keyFile, const std::string& caFile,
+              const platform::EtcdSecurity& client);
+
   // Starts etcd and waits until /health answers true. `error` gets a reason on failure.
   bool Start(std::string* error = nullptr);
   // Stops it by PID (SIGTERM, then SIGKILL after a grace period). The data directory is kept.
@@ -32,7 +39,7 @@ class EtcdServer {
   bool Restart(std::string* error = nullptr);
   bool Running();
 
-  std::string Endpoint() const;  // http://127.0.0.1:<client port>
+  std::string Endpoint() const;  // http://127.0.0.1:<client port> (https with UseTls)
 
   // Store revision now; compacts the history up to `revision` (physical compaction).
   int64_t CurrentRevision();
@@ -45,6 +52,8 @@ class EtcdServer {
   std::unique_ptr<ChildProcess> proc_;
   int clientPort_ = 0;
   int peerPort_ = 0;
+  std::vector<std::string> tlsFlags_;
+  platform::EtcdSecurity client_;
 };
 
 }  // namespace testing
