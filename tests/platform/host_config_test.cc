@@ -77,12 +77,24 @@ TEST(HostConfig, RefusesUnknownKeysAndWrongTypesNamingTheKey) {
        "'options.ORSA.KelStretchedCluster'"},
       {R"({"stateDir": "/x", "extra": {}})", "unknown key 'extra'"},
       {"{ not json", "not valid JSON"},
+      {R"({"stateDir": "/a", "host": {}, "stateDir": "/b"})", "key 'stateDir' is given more than once"},
+      {R"({"network": {"interfaces": {"n": {"ipv4": "1.1.1.1", "ipv4": "2.2.2.2"}}}})",
+       "key 'network.interfaces.n.ipv4' is given more than once"},
+      {R"({"network": {"interfaces": {"nuk0": {"ipv4": "999.1.1.1"}}}})",
+       "'network.interfaces.nuk0.ipv4' is not an IPv4 address: \"999.1.1.1\""},
+      {R"({"directory": {"leaseTtlSeconds": 1e999}})", "not valid JSON"},
+      {R"({"directory": {"leaseTtlSeconds": 4294967298}})",
+       "'directory.leaseTtlSeconds' must be between 2 and 3600"},
+      {R"({"options": {"ORSA": {"x": 18446744073709551615}}})", "'options.ORSA.x' must be between"},
   };
   for (const auto& [text, reason] : refused) {
     WriteFile(file, text);
     const std::string message = kel::testing::ErrorOf([&] { LoadHostConfigFile(file); });
+    EXPECT_EQ(message.rfind("host configuration " + file + ": ", 0), 0u) << message;
     EXPECT_NE(message.find(reason), std::string::npos) << text << " -> " << message;
   }
+  EXPECT_EQ(kel::testing::ErrorOf([&] { LoadHostConfigFile(dir.path()); }),
+            "host configuration " + dir.path() + ": cannot be read: it is a directory");
 }
 
 using kel::platform::LoadSettings;
