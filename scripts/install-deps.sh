@@ -9,7 +9,7 @@ packages="build-essential cmake pkg-config clang libclang-rt-14-dev flex bison
   libboost-thread-dev libboost-regex-dev libboost-filesystem-dev libboost-system-dev
   nlohmann-json3-dev libcurl4-openssl-dev uuid-dev libssl-dev libcli11-dev
   libgtest-dev libgmock-dev libbenchmark-dev
-  etcd-server etcd-client tgt libiscsi-bin libiscsi-dev attr iproute2 procps"
+  etcd-server etcd-client tgt libiscsi-bin libiscsi-dev attr iproute2 procps openssl"
 missing=""
 for p in $packages; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing="$missing $p"
