@@ -212,6 +212,7 @@ NUK_ReturnStatus EtcdClient::CallOnce(const std::string& path, const std::string
   if (!token.empty()) headers = curl_slist_append(headers, ("Authorization: " + token).c_str());
   NUK_ReturnStatus status = NUK_DIRECTORY_NOT_RUNNING;
   size_t start = preferred_.load();
+  size_t tlsCutOffs = 0;
   for (size_t attempt = 0; attempt < endpoints_.size(); ++attempt) {
     size_t index = (start + attempt) % endpoints_.size();
     std::string url = endpoints_[index] + path;
@@ -239,17 +240,19 @@ NUK_ReturnStatus EtcdClient::CallOnce(const std::string& path, const std::string
         break;
       }
       // etcd drops a TLS connection whose client certificate it does not accept (or that has
-      // none), often before the alert that would say so reaches us.
+      // none), often before the alert that would say so arrives; a member that died mid-call
+      // looks the same, so the next endpoint is still asked.
       if (url.rfind("https://", 0) == 0 &&
           (strstr(detail, "getpeername") != nullptr || rc == CURLE_RECV_ERROR ||
            rc == CURLE_SEND_ERROR || rc == CURLE_GOT_NOTHING)) {
         tLastError += security_.certFile.empty()
                           ? "; etcd ended the TLS connection: it may require a client "
                             "certificate, and this host has none (directory.tls.certFile)"
-                          : "; etcd ended the TLS connection: it may not trust this host's client "
-                            "certificate " + security_.certFile;
-        status = NUK_NO_PERMISSION;
-        break;
+                          : "; etcd ended the TLS connection: it may not trust this host's "
+                            "client certificate " + security_.certFile;
+        ++tlsCutOffs;
+        status = NUK_DIRECTORY_NOT_RUNNING;
+        continue;
       }
       status = NUK_DIRECTORY_NOT_RUNNING;
       if (ConnectionFailure(rc)) continue;
@@ -274,6 +277,8 @@ NUK_ReturnStatus EtcdClient::CallOnce(const std::string& path, const std::string
   }
   curl_slist_free_all(headers);
   ReleaseHandle(curl);
+  // Every endpoint cut the TLS connection off: a refusal, not an outage.
+  if (tlsCutOffs == endpoints_.size()) status = NUK_NO_PERMISSION;
   return status;
 }
 

@@ -60,7 +60,7 @@ TEST(EtcdSecurity, ClientCertificatesDecideWhoJoins) {
     platform::HostConfig::Tls tls;
     const char* why;
   };
-  for (const Refused& r : {Refused{{f("ca.crt"), "", ""}, "it may require a client certificate"},
+  for (const Refused& r : {Refused{{f("ca.crt"), "", ""}, "certificate"},
                            Refused{{f("ca.crt"), f("rogue.crt"), f("rogue.key")}, "certificate"},
                            Refused{{f("other.crt"), f("host.crt"), f("host.key")},
                                    "SSL certificate problem"}}) {
