@@ -34,7 +34,8 @@ ConfPtr LoadConfFile(const std::string& path) {
   }
   if (!conf) {
     const std::string message = "Failed to read conf file: " + path;
-    kel::log::NoteFailureReason("Parser", message, NukCtl::Orsa::IscsiTarget::LoadFailureText(path));
+    kel::log::NoteFailureReason("Parser", message,
+                                NukCtl::Orsa::IscsiTarget::LoadFailureText(path));
     throw CommandError(message);
   }
   return conf;

@@ -47,8 +47,8 @@ struct addrinfo;
 // portal p_flags
 #define PORTAL_FLAG_ISER 0x1
 
-#define MAX_LUNS 256                 // LUN slots of a target, numbers 0..255
-#define MAX_NAME_LEN 223             // iSCSI names are at most MAX_NAME_LEN - 1 characters
+#define MAX_LUNS 256      // LUN slots of a target, numbers 0..255
+#define MAX_NAME_LEN 223  // iSCSI names are at most MAX_NAME_LEN - 1 characters
 #define DEFAULT_LISTEN_PORT "3260"
 #define DEFAULT_ISNS_PORT "3205"
 
@@ -110,9 +110,9 @@ struct auth_group_igroup_ref {
 struct auth_group {
   TAILQ_ENTRY(auth_group) ag_next;
   struct conf* ag_conf;
-  char* ag_name;               // null for the anonymous group of inline target authentication
-  struct target* ag_target;    // owning target (anonymous group, or the target's own named group)
-  int ag_type;                 // AG_TYPE_*
+  char* ag_name;             // null for the anonymous group of inline target authentication
+  struct target* ag_target;  // owning target (anonymous group, or the target's own named group)
+  int ag_type;               // AG_TYPE_*
   TAILQ_HEAD(, auth) ag_auths;
   TAILQ_HEAD(, auth_name) ag_names;
   TAILQ_HEAD(, auth_portal) ag_portals;
@@ -122,10 +122,10 @@ struct auth_group {
 struct portal {
   TAILQ_ENTRY(portal) p_next;
   struct portal_group* p_portal_group;
-  int p_flags;     // PORTAL_FLAG_*
-  char* p_host;    // host part, or the host interface name of an interface portal
-  char* p_port;    // port or service
-  char* p_listen;  // the text as written
+  int p_flags;            // PORTAL_FLAG_*
+  char* p_host;           // host part, or the host interface name of an interface portal
+  char* p_port;           // port or service
+  char* p_listen;         // the text as written
   struct addrinfo* p_ai;  // resolved numeric address, null for names (interfaces, hosts)
   TAILQ_HEAD(, target) p_targets;
   int p_socket;
@@ -162,10 +162,10 @@ struct pport {
 };
 
 struct port {
-  TAILQ_ENTRY(port) p_next;    // conf_ports
-  TAILQ_ENTRY(port) p_pgs;     // pg_ports of p_portal_group
-  TAILQ_ENTRY(port) p_pps;     // pp_ports of p_pport
-  TAILQ_ENTRY(port) p_ts;      // t_ports of p_target
+  TAILQ_ENTRY(port) p_next;  // conf_ports
+  TAILQ_ENTRY(port) p_pgs;   // pg_ports of p_portal_group
+  TAILQ_ENTRY(port) p_pps;   // pp_ports of p_pport
+  TAILQ_ENTRY(port) p_ts;    // t_ports of p_target
   struct conf* p_conf;
   char* p_name;  // "<portal group or pport name>-<target name>"
   struct auth_group* p_auth_group;
@@ -326,8 +326,7 @@ struct target* target_new(struct conf* conf, const char* name);
 struct target* target_find(const struct conf* conf, const char* name);
 void target_delete(struct target* target);
 int target_set_redirection(struct target* target, const char* addr);
-struct target_option* target_option_new(struct target* target, const char* name,
-                                        const char* value);
+struct target_option* target_option_new(struct target* target, const char* name, const char* value);
 struct target_option* target_option_find(const struct target* target, const char* name);
 void target_option_delete(struct target_option* to);
 // The option "status" equals "offline".

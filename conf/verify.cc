@@ -1,6 +1,4 @@
 // conf_verify and valid_iscsi_name.
-#include "conf/conf.h"
-
 #include <strings.h>
 
 #include <cctype>
@@ -10,6 +8,7 @@
 #include <unordered_set>
 #include <vector>
 
+#include "conf/conf.h"
 #include "platform/clog.h"
 
 namespace {
@@ -56,8 +55,8 @@ int VerifyLun(struct lun* lun,
     if (it != by_path.end()) {
       for (const struct lun* other : it->second) {
         if (other == lun) continue;
-        log_warnx("WARNING: path \"%s\" duplicated between lun \"%s\", and lun \"%s\"",
-                  lun->l_path, lun->l_name, other->l_name);
+        log_warnx("WARNING: path \"%s\" duplicated between lun \"%s\", and lun \"%s\"", lun->l_path,
+                  lun->l_name, other->l_name);
       }
     }
   }
@@ -124,9 +123,10 @@ int conf_verify(struct conf* conf) {
     if (target->t_alias == nullptr) continue;
     auto [it, fresh] = by_alias.emplace(target->t_alias, target);
     if (!fresh) {
-      log_warnx("targets \"%s\" and \"%s\" have the same alias \"%s\"; commands that name the "
-                "alias act on the first one only",
-                it->second->t_name, target->t_name, target->t_alias);
+      log_warnx(
+          "targets \"%s\" and \"%s\" have the same alias \"%s\"; commands that name the "
+          "alias act on the first one only",
+          it->second->t_name, target->t_name, target->t_alias);
     }
   }
 
@@ -149,9 +149,10 @@ int conf_verify(struct conf* conf) {
 bool valid_iscsi_name(const char* name) {
   size_t len = strlen(name);
   if (len >= MAX_NAME_LEN) {
-    log_warnx("overlong name for target \"%s\"; max length allowed by iSCSI specification is %d "
-              "characters",
-              name, MAX_NAME_LEN);
+    log_warnx(
+        "overlong name for target \"%s\"; max length allowed by iSCSI specification is %d "
+        "characters",
+        name, MAX_NAME_LEN);
     return false;
   }
   // Everything below only warns: such names are accepted on purpose.
@@ -159,34 +160,39 @@ bool valid_iscsi_name(const char* name) {
     for (size_t i = 4; i < len; i++) {
       char c = name[i];
       if (isalnum(static_cast<unsigned char>(c)) || c == '-' || c == '.' || c == ':') continue;
-      log_warnx("invalid character \"%c\" in target name \"%s\"; allowed characters are letters, "
-                "digits, '-', '.', and ':'",
-                c, name);
+      log_warnx(
+          "invalid character \"%c\" in target name \"%s\"; allowed characters are letters, "
+          "digits, '-', '.', and ':'",
+          c, name);
       break;
     }
   } else if (strncasecmp(name, "eui.", 4) == 0 || strncasecmp(name, "naa.", 4) == 0) {
     if (tolower(static_cast<unsigned char>(name[0])) == 'e') {
       if (len != 20)
-        log_warnx("invalid target name \"%s\"; the \"eui.\" should be followed by exactly 16 "
-                  "hexadecimal digits",
-                  name);
+        log_warnx(
+            "invalid target name \"%s\"; the \"eui.\" should be followed by exactly 16 "
+            "hexadecimal digits",
+            name);
     } else if (len > 36) {
-      log_warnx("invalid target name \"%s\"; the \"naa.\" should be followed by at most 32 "
-                "hexadecimal digits",
-                name);
+      log_warnx(
+          "invalid target name \"%s\"; the \"naa.\" should be followed by at most 32 "
+          "hexadecimal digits",
+          name);
     }
     for (size_t i = 4; i < len; i++) {
       if (IsHexDigit(name[i])) continue;
       // kept as is: the text says 1-9 although 0 and lower-case digits pass.
-      log_warnx("invalid character \"%c\" in target name \"%s\"; allowed characters are 1-9 and "
-                "A-F",
-                name[i], name);
+      log_warnx(
+          "invalid character \"%c\" in target name \"%s\"; allowed characters are 1-9 and "
+          "A-F",
+          name[i], name);
       break;
     }
   } else {
-    log_warnx("invalid target name \"%s\"; should start with either \"iqn.\", \"eui.\", or "
-              "\"naa.\"",
-              name);
+    log_warnx(
+        "invalid target name \"%s\"; should start with either \"iqn.\", \"eui.\", or "
+        "\"naa.\"",
+        name);
   }
   return true;
 }

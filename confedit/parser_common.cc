@@ -9,6 +9,7 @@
 
 #include "conf/conf.h"
 #include "conf/conf_handle.h"
+#include "conf/paths.h"
 #include "confedit/parser_edit.h"
 #include "confedit/parser_internal.h"
 #include "directory/config_cache.h"
@@ -17,9 +18,6 @@
 #include "host/daemon_control.h"
 #include "host/service_state.h"
 #include "host/validation.h"
-#include "storage/lun_disk.h"
-#include "storage/namespace.h"
-#include "conf/paths.h"
 #include "platform/clog.h"
 #include "platform/creation_journal.h"
 #include "platform/datastore.h"
@@ -28,6 +26,8 @@
 #include "platform/fs.h"
 #include "platform/log.h"
 #include "platform/status.h"
+#include "storage/lun_disk.h"
+#include "storage/namespace.h"
 
 namespace NukCtl {
 namespace Orsa {
@@ -522,10 +522,10 @@ uint64_t ChangeConfFile(const std::function<bool(ConfHandle&)>& edit,
     std::rethrow_exception(failure);
   } catch (const OrsaCtlException& e) {
     // The caller must be able to tell a refused change from a saved one that a later step failed.
-    kel::log::NoteFailureReason(
-        Parser::internal::kTag, e.GetMessage(),
-        "the change is saved: " + path + " now holds generation " + std::to_string(generation) +
-            "; only the step after the write failed");
+    kel::log::NoteFailureReason(Parser::internal::kTag, e.GetMessage(),
+                                "the change is saved: " + path + " now holds generation " +
+                                    std::to_string(generation) +
+                                    "; only the step after the write failed");
     throw;
   }
 }

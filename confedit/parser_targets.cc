@@ -172,23 +172,25 @@ void UpdateTargetConf(const TargetCreateParam& param, ConfHandle& handle) {
 void RemoveTargetFromConfFile(std::string alias, const std::function<void(uint64_t)>& written) {
   LogInfo("%s: Removing target alias %s from config file", kTag, alias.c_str());
   try {
-    Util::ChangeConfFile([&](ConfHandle& handle) {
-      struct conf* c = handle.GetConf();
-      struct target* t = RequireTargetByAlias(c, alias);
-      const std::string uuid = TargetOptionValue(t, "uuid");
-      struct port* p = keld_target_to_port(t);
-      struct portal_group* pg = p != nullptr ? p->p_portal_group : nullptr;
-      // The LUNs live inside the target in the file; left in the model they would only linger
-      // unnumbered until the next parse.
-      for (struct lun*& slot : t->t_luns) {
-        if (slot != nullptr) lun_delete(slot);
-      }
-      target_delete(t);
-      struct auth_group* own = uuid.empty() ? nullptr : auth_group_find(c, uuid.c_str());
-      if (own != nullptr && TargetsUsingAuthGroup(c, own) == 0) auth_group_delete(own);
-      CleanupPortalGroup(pg);
-      return true;
-    }, written);
+    Util::ChangeConfFile(
+        [&](ConfHandle& handle) {
+          struct conf* c = handle.GetConf();
+          struct target* t = RequireTargetByAlias(c, alias);
+          const std::string uuid = TargetOptionValue(t, "uuid");
+          struct port* p = keld_target_to_port(t);
+          struct portal_group* pg = p != nullptr ? p->p_portal_group : nullptr;
+          // The LUNs live inside the target in the file; left in the model they would only linger
+          // unnumbered until the next parse.
+          for (struct lun*& slot : t->t_luns) {
+            if (slot != nullptr) lun_delete(slot);
+          }
+          target_delete(t);
+          struct auth_group* own = uuid.empty() ? nullptr : auth_group_find(c, uuid.c_str());
+          if (own != nullptr && TargetsUsingAuthGroup(c, own) == 0) auth_group_delete(own);
+          CleanupPortalGroup(pg);
+          return true;
+        },
+        written);
   } catch (const OrsaCtlException& e) {
     LogError("%s: Failed to remove target %s from conf file with error %s", kTag, alias.c_str(),
              e.GetMessage().c_str());

@@ -65,9 +65,9 @@ void ValidateInitiatorGroupName(const std::string& name);
 
 // --- LUNs --------------------------------------------------------------------------------------
 
-// The alias valid UTF-8, without double quote or NUL, at most kMaxLunAliasLength bytes; then, for an empty policy, fills in the datastore
-// default when `fillDefaultPolicy` (LUN creation) and stops; otherwise verifies the policy and
-// runs VerifyLunPolicyAndAffinity.
+// The alias valid UTF-8, without double quote or NUL, at most kMaxLunAliasLength bytes; then, for
+// an empty policy, fills in the datastore default when `fillDefaultPolicy` (LUN creation) and
+// stops; otherwise verifies the policy and runs VerifyLunPolicyAndAffinity.
 void VerifyLunParams(HostCtl::Orsa::IscsiTarget::LunInfo& lun, bool fillDefaultPolicy);
 
 // The LUN policy's locality must agree with its target's site affinity.

@@ -467,8 +467,9 @@ void EtcdDirectory::WatchLoop() {
                    {"start_revision", std::to_string(watchRevision_)}};
     bool compacted = false;
     bool created = false;
-    NUK_ReturnStatus st =
-        stream_.Run(endpoints[endpoint % endpoints.size()], create, [&](const json& message) {
+    NUK_ReturnStatus st = stream_.Run(
+        endpoints[endpoint % endpoints.size()], create,
+        [&](const json& message) {
           auto result = message.find("result");
           if (result == message.end() || !result->is_object()) return false;  // gateway error
           if (result->value("canceled", false)) {

@@ -24,8 +24,8 @@ class DiskLunApi {
   // Creates a namespace object in `datastorePath` and returns its UUID (8-4-4-4-12 text). A
   // non-empty `name` also creates the friendly-name link; an existing name is refused. An empty
   // `policy` gives the object the datastore's default policy. `size` is a quota request; this
-  // build has no quotas, so only 0 is accepted. `uuid`, when given, is the UUID the object gets (so that the caller can
-  // journal it before it exists).
+  // build has no quotas, so only 0 is accepted. `uuid`, when given, is the UUID the object gets (so
+  // that the caller can journal it before it exists).
   static std::string CreateNamespace(const std::string& datastorePath, const std::string& name,
                                      const std::string& policy, uint64_t size,
                                      const std::string& opId, const std::string& uuid = "");

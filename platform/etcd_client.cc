@@ -249,7 +249,8 @@ NUK_ReturnStatus EtcdClient::CallOnce(const std::string& path, const std::string
                           ? "; etcd ended the TLS connection: it may require a client "
                             "certificate, and this host has none (directory.tls.certFile)"
                           : "; etcd ended the TLS connection: it may not trust this host's "
-                            "client certificate " + security_.certFile;
+                            "client certificate " +
+                                security_.certFile;
         ++tlsCutOffs;
         status = NUK_DIRECTORY_NOT_RUNNING;
         continue;

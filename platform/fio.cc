@@ -18,7 +18,9 @@ thread_local int tLastErrno = 0;
 FioFaultHook gFaultHook;  // test-only; set while no Fio call runs
 
 // The injected failure for `step`, or 0.
-int Injected(FioStep step, const std::string& path) { return gFaultHook ? gFaultHook(step, path) : 0; }
+int Injected(FioStep step, const std::string& path) {
+  return gFaultHook ? gFaultHook(step, path) : 0;
+}
 
 // A lock that a rename replaced under us is only worth a few more tries: each retry means another
 // writer swapped the file in between, and the caller's own retry loop takes over after that.

@@ -74,8 +74,8 @@ int64_t GetInt(const std::string& file, const json& v, const std::string& where,
   if (!v.is_number_integer()) Refuse(file, "'" + where + "' must be an integer");
   if ((v.is_number_unsigned() && v.get<uint64_t>() > static_cast<uint64_t>(INT64_MAX)) ||
       v.get<int64_t>() < lo || v.get<int64_t>() > hi) {
-    Refuse(file, "'" + where + "' must be between " + std::to_string(lo) + " and " +
-                     std::to_string(hi));
+    Refuse(file,
+           "'" + where + "' must be between " + std::to_string(lo) + " and " + std::to_string(hi));
   }
   return v.get<int64_t>();
 }
@@ -126,8 +126,9 @@ json ParseRefusingDuplicates(const std::string& file, const std::string& text) {
   json::parser_callback_t check = [&](int, json::parse_event_t event, json& parsed) {
     switch (event) {
       case json::parse_event_t::object_start:
-        where.push_back(where.empty() ? std::string() : where.back().empty() ? lastKey
-                                                                               : where.back() + "." + lastKey);
+        where.push_back(where.empty()          ? std::string()
+                        : where.back().empty() ? lastKey
+                                               : where.back() + "." + lastKey);
         seen.emplace_back();
         break;
       case json::parse_event_t::object_end:
@@ -168,8 +169,7 @@ void CheckAddress(const std::string& file, const std::string& where, const std::
 }
 
 // A file named in the configuration must be readable now, not at the first connection.
-void CheckReadableFile(const std::string& file, const std::string& where,
-                       const std::string& path) {
+void CheckReadableFile(const std::string& file, const std::string& where, const std::string& path) {
   std::string ignored;
   int err = ReadFileBounded(path, kMaxHostConfigBytes, &ignored);
   if (err != 0) Refuse(file, "'" + where + "' (" + path + ") cannot be read: " + ErrnoText(err));
@@ -221,9 +221,9 @@ HostConfig ParseHostConfigText(const std::string& path, const std::string& text)
   if (!datastore_given) c.datastorePath = c.stateDir + "/datastore";
   if (doc.contains("directory")) {
     const json& d = doc["directory"];
-    CheckObject(path, d, "directory",
-                {"backend", "endpoints", "prefix", "leaseTtlSeconds", "tls", "username",
-                 "passwordFile"});
+    CheckObject(
+        path, d, "directory",
+        {"backend", "endpoints", "prefix", "leaseTtlSeconds", "tls", "username", "passwordFile"});
     c.directoryBackend = GetString(path, d, "backend", "directory.backend", "embedded");
     if (c.directoryBackend != "embedded" && c.directoryBackend != "etcd") {
       Refuse(path, "'directory.backend' must be \"embedded\" or \"etcd\"");
@@ -301,8 +301,8 @@ HostConfig ParseHostConfigText(const std::string& path, const std::string& text)
     CheckObject(path, d, "daemon", {"control", "tgtdControlPort"});
     c.daemonControl = GetString(path, d, "control", "daemon.control", "");
     if (d.contains("tgtdControlPort")) {
-      c.tgtdControlPort = static_cast<int>(
-          GetInt(path, d["tgtdControlPort"], "daemon.tgtdControlPort", 0, 65535));
+      c.tgtdControlPort =
+          static_cast<int>(GetInt(path, d["tgtdControlPort"], "daemon.tgtdControlPort", 0, 65535));
     }
   }
   if (doc.contains("firewall")) {
@@ -359,8 +359,8 @@ void FinishHostConfig(HostConfig& c) {
   int fd = open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
   if (fd < 0) throw OrsaCtlException("Failed to create " + tmp + ": " + strerror(errno));
   std::string line = std::string(buf) + "\n";
-  bool ok = write(fd, line.data(), line.size()) == static_cast<ssize_t>(line.size()) &&
-            fsync(fd) == 0;
+  bool ok =
+      write(fd, line.data(), line.size()) == static_cast<ssize_t>(line.size()) && fsync(fd) == 0;
   close(fd);
   if (!ok) {
     unlink(tmp.c_str());

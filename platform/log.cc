@@ -32,10 +32,18 @@ class HostLogSink : public Sink {
   void Write(const Record& record) override {
     int prio = LOG_INFO;
     switch (record.level) {
-      case Level::kError: prio = LOG_ERR; break;
-      case Level::kWarning: prio = LOG_WARNING; break;
-      case Level::kInfo: prio = LOG_INFO; break;
-      case Level::kDebug: prio = LOG_DEBUG; break;
+      case Level::kError:
+        prio = LOG_ERR;
+        break;
+      case Level::kWarning:
+        prio = LOG_WARNING;
+        break;
+      case Level::kInfo:
+        prio = LOG_INFO;
+        break;
+      case Level::kDebug:
+        prio = LOG_DEBUG;
+        break;
     }
     syslog(prio, "%s", record.text.c_str());
     if (file_ != nullptr) {
@@ -84,10 +92,14 @@ bool MakeDirs(const std::string& path) {
 
 const char* LevelName(Level level) {
   switch (level) {
-    case Level::kError: return "error";
-    case Level::kWarning: return "warning";
-    case Level::kInfo: return "info";
-    case Level::kDebug: return "debug";
+    case Level::kError:
+      return "error";
+    case Level::kWarning:
+      return "warning";
+    case Level::kInfo:
+      return "info";
+    case Level::kDebug:
+      return "debug";
   }
   return "?";
 }

@@ -1,9 +1,9 @@
 // Service state: enabling and disabling the service on this host, the entry check of every
 // configuration operation, restore after a restart, and the cluster defaults.
 #include <atomic>
-#include <memory>
 #include <boost/thread/lock_types.hpp>
 #include <boost/thread/thread.hpp>
+#include <memory>
 
 #include "conf/conf_handle.h"
 #include "confedit/parser_edit.h"
@@ -173,9 +173,10 @@ void OrsaIscsiTargetImpl::KelCheckConfigLodexEntry() {
       if (st == NUK_OK && current == published) return;
       if (st == NUK_OK && current < published) {
         // Never published backwards: every host has applied the newer one already.
-        LogWarning("%s: kel.conf holds generation %llu, below the published %llu; not re-publishing\n",
-                   kTag, static_cast<unsigned long long>(current),
-                   static_cast<unsigned long long>(published));
+        LogWarning(
+            "%s: kel.conf holds generation %llu, below the published %llu; not re-publishing\n",
+            kTag, static_cast<unsigned long long>(current),
+            static_cast<unsigned long long>(published));
         return;
       }
       LogInfo("%s: Re-publishing kel.conf generation %llu over the published %llu\n", kTag,

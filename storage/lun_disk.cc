@@ -328,8 +328,8 @@ void GrowLunDisk(const std::string& path, uint64_t newSectors) {
     // Nobody has seen the new sectors yet, so cutting them off again loses nothing.
     int terr = kel::platform::GetFs().Truncate(path, before.size);
     if (terr != 0) {
-      LogError("%s: Cannot restore the size of %s after a failed growth: %s\n", kTag,
-               path.c_str(), kel::platform::ErrnoText(terr).c_str());
+      LogError("%s: Cannot restore the size of %s after a failed growth: %s\n", kTag, path.c_str(),
+               kel::platform::ErrnoText(terr).c_str());
     }
     throw;
   }

@@ -29,21 +29,28 @@ TEST(KelctlHostile, RefusalsChangeNothingAndListingsKeepWorking) {
   const std::string dir = env.Join("a-directory");
   ASSERT_EQ(mkdir(dir.c_str(), 0700), 0);
   const std::vector<Refusal> refusals = {
-      {{"target", "add", "--alias", "ab\xff" "cd"}, 1,
+      {{"target", "add", "--alias",
+        "ab\xff"
+        "cd"},
+       1,
        "Invalid alias. It is not valid UTF-8 text (byte 0xFF at offset 2)."},
-      {{"lun", "add", "--target", "t1", "--size", "1MiB", "--alias", "x\xc3"}, 1,
+      {{"lun", "add", "--target", "t1", "--size", "1MiB", "--alias", "x\xc3"},
+       1,
        "Invalid LUN alias. It is not valid UTF-8 text (byte 0xC3 at offset 1)."},
       {{"target", "add", "--alias", std::string(200, 'a')}, 1, ""},
       {{"initiator-group", "add", "../g"}, 1, ""},
-      {{"lun", "add", "--target", "t1", "--size", "64MiB\n"}, 1,
+      {{"lun", "add", "--target", "t1", "--size", "64MiB\n"},
+       1,
        "Failed to validate LUN size: Invalid size unit: MiB\\n. Valid units: MB, GB, TB, MiB, GiB, "
        "TiB. Fractional sizes not permitted."},
       {{"target", "add", "--alias", "t2", "--auth-type", "CHAP", "--chap-user", "u",
         "--chap-secret-file", "/dev/zero"},
-       1, "secret file /dev/zero holds more than 4096 bytes: not a secret"},
+       1,
+       "secret file /dev/zero holds more than 4096 bytes: not a secret"},
       {{"target", "add", "--alias", "t2", "--auth-type", "CHAP", "--chap-user", "u",
         "--chap-secret-file", dir},
-       1, "cannot read secret file " + dir + ": Is a directory"},
+       1,
+       "cannot read secret file " + dir + ": Is a directory"},
       {{"target", "transfer", "--alias", "t1", "--retries", "65535"}, 2, ""},
       {{"target", "transfer-local", "--retries", "-1"}, 2, ""},
   };

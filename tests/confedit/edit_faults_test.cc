@@ -30,9 +30,8 @@ namespace Parser = NukCtl::Orsa::IscsiTarget::Parser;
 // Removes the hook however the test ends.
 struct FaultAt {
   FaultAt(FioStep step, int err) {
-    Fio_SetFaultHookForTest([step, err](FioStep at, const std::string&) {
-      return at == step ? err : 0;
-    });
+    Fio_SetFaultHookForTest(
+        [step, err](FioStep at, const std::string&) { return at == step ? err : 0; });
   }
   ~FaultAt() { Fio_SetFaultHookForTest(nullptr); }
 };
@@ -171,11 +170,12 @@ TEST(EditFaults, GenerationBelowThePublishedOneIsRefused) {
   WriteFile(host.conf_path(), "");
   const std::string before = host.Snapshot();
   EXPECT_THAT(ErrorOf([] { Parser::AddNewInitiatorgroupToConfFile("g"); }),
-              ::testing::EndsWith(host.conf_path() +
-                " holds generation 1, but generation 6 was already published in the directory: "
-                "the file was replaced or emptied outside kel. Nothing was changed. Restore the "
-                "newest copy of kel.conf (the host agent keeps one at " +
-                host.state_dir() + "/log/kel.conf.backup) and retry."));
+              ::testing::EndsWith(
+                  host.conf_path() +
+                  " holds generation 1, but generation 6 was already published in the directory: "
+                  "the file was replaced or emptied outside kel. Nothing was changed. Restore the "
+                  "newest copy of kel.conf (the host agent keeps one at " +
+                  host.state_dir() + "/log/kel.conf.backup) and retry."));
   EXPECT_EQ(host.Snapshot(), before);
   IT::ConfigCache::SetKelConfLodexEntryExists(true, true);
   IT::OrsaIscsiTargetImpl::KelCheckConfigLodexEntry();

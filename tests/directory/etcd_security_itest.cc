@@ -18,8 +18,8 @@ namespace kel {
 namespace testing {
 namespace {
 
-using ::testing::HasSubstr;
 using platform::EtcdSecurity;
+using ::testing::HasSubstr;
 namespace IT = NukCtl::Orsa::IscsiTarget;
 
 // A CA and another one, a server certificate for 127.0.0.1, and client certificates of each CA.
@@ -40,7 +40,8 @@ void MakeCertificates(const std::string& dir) {
 
 // What joining the directory with `config` throws ("" when it joins).
 std::string JoinError(const platform::HostConfig& config) {
-  return ErrorOf([&] { platform::EtcdDirectory directory(config, platform::DirectoryRole::kClient); });
+  return ErrorOf(
+      [&] { platform::EtcdDirectory directory(config, platform::DirectoryRole::kClient); });
 }
 
 TEST(EtcdSecurity, ClientCertificatesDecideWhoJoins) {
@@ -60,10 +61,10 @@ TEST(EtcdSecurity, ClientCertificatesDecideWhoJoins) {
     platform::HostConfig::Tls tls;
     const char* why;
   };
-  for (const Refused& r : {Refused{{f("ca.crt"), "", ""}, "certificate"},
-                           Refused{{f("ca.crt"), f("rogue.crt"), f("rogue.key")}, "certificate"},
-                           Refused{{f("other.crt"), f("host.crt"), f("host.key")},
-                                   "SSL certificate problem"}}) {
+  for (const Refused& r :
+       {Refused{{f("ca.crt"), "", ""}, "certificate"},
+        Refused{{f("ca.crt"), f("rogue.crt"), f("rogue.key")}, "certificate"},
+        Refused{{f("other.crt"), f("host.crt"), f("host.key")}, "SSL certificate problem"}}) {
     config.etcdTls = r.tls;
     error = JoinError(config);
     EXPECT_THAT(error, HasSubstr("Directory: cannot join the cluster directory: Permission denied"))
@@ -72,7 +73,8 @@ TEST(EtcdSecurity, ClientCertificatesDecideWhoJoins) {
   }
   EXPECT_THAT(ErrorOf([&] {
                 platform::ParseHostConfigText(
-                    "h.json", "{\"directory\": {\"tls\": {\"certFile\": \"" + f("host.crt") + "\"}}}");
+                    "h.json",
+                    "{\"directory\": {\"tls\": {\"certFile\": \"" + f("host.crt") + "\"}}}");
               }),
               HasSubstr("'directory.tls.certFile' and 'directory.tls.keyFile' go together"));
 }

@@ -14,10 +14,9 @@ namespace {
 void Unmarshal(Marshal_Description* description, const char* name, const std::string& bytes) {
   Marshal_Allocator* allocator = Marshal_DefaultAllocator();
   void* structure = nullptr;
-  if (Marshal_UmshSingleStructure(allocator, description,
-                                  reinterpret_cast<const uint8_t*>(bytes.data()),
-                                  static_cast<uint32_t>(bytes.size()), name,
-                                  &structure) == NUK_OK) {
+  if (Marshal_UmshSingleStructure(
+          allocator, description, reinterpret_cast<const uint8_t*>(bytes.data()),
+          static_cast<uint32_t>(bytes.size()), name, &structure) == NUK_OK) {
     Marshal_DeallocStructure(allocator, description, name, structure);
   }
 }

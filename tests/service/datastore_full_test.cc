@@ -1,9 +1,9 @@
 // A datastore that fills up while a LUN is created or grown, or while kel.conf is written: the
 // operation fails and leaves no disk, namespace, link or configuration entry behind. The datastore
 // is a small tmpfs where the test may mount one; elsewhere the fault layer reports the full disk.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mount.h>
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 

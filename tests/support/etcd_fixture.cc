@@ -64,7 +64,7 @@ std::string EtcdServer::Endpoint() const {
 
 void EtcdServer::UseTls(const std::string& certFile, const std::string& keyFile,
                         const std::string& caFile, const platform::EtcdSecurity& client) {
-  tlsFlags_ = {"--cert-file", certFile, "--key-file", keyFile, "--client-cert-auth",
+  tlsFlags_ = {"--cert-file",       certFile, "--key-file", keyFile, "--client-cert-auth",
                "--trusted-ca-file", caFile};
   client_ = client;
 }
